@@ -1,0 +1,100 @@
+#pragma once
+// One area of interest (AOI): a rows x columns grid of points with an ordered
+// list of named float32 variables. Index-based operations never throw for a
+// bad index; they return null or -1.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "nimbra/data/ZelDataVariableType.h"
+
+namespace nimbra {
+
+// One variable. The values are a contiguous float32 array so that the codec
+// and numpy can move them as one block; the storage is reference counted only
+// so that a zero-copy numpy view can outlive a reload of its dataset without
+// dangling. The matrix itself never shares storage: copies are deep.
+struct ZelDataVariable {
+    std::string name;
+    std::string description;
+    ZelDataVariableType type = Unknown;
+    std::shared_ptr<float[]> values;  // null while count is 0
+    int32_t count = 0;
+
+    ZelDataVariable() = default;
+    ZelDataVariable(const ZelDataVariable& other);
+    ZelDataVariable& operator=(const ZelDataVariable& other);
+    ZelDataVariable(ZelDataVariable&&) noexcept = default;
+    ZelDataVariable& operator=(ZelDataVariable&&) noexcept = default;
+};
+
+class ZelData {
+public:
+    ZelData();
+    ~ZelData();
+    ZelData(const ZelData& other);
+    ZelData& operator=(const ZelData& other);
+    ZelData(ZelData&& other) noexcept;
+    ZelData& operator=(ZelData&& other) noexcept;
+
+    void clear();
+
+    int32_t numRows() const;
+    int32_t numColumns() const;
+    int32_t matrixSize() const;  // rows x columns as a 32-bit product
+    int32_t numVariables() const;
+
+    // Sets the grid shape. Existing variables are left as they are; callers
+    // that change the shape of a filled matrix resize the values themselves.
+    void setSize(int32_t rows, int32_t columns);
+
+    const std::string& name() const;
+    void setName(const std::string& name);
+    int32_t gridKind() const;
+    void setGridKind(int32_t kind);
+
+    int32_t variableIndex(const std::string& name) const;
+    int32_t findVariable(ZelDataVariableType type, const std::string& text) const;
+    // First variable of this kind, -1 if none (the confidence is the first
+    // variable of kind Correlation).
+    int32_t firstVariableOfType(ZelDataVariableType type) const;
+
+    float* variableValues(int32_t index);
+    const float* variableValues(int32_t index) const;
+    // The record itself; null when the index is out of range.
+    ZelDataVariable* variable(int32_t index);
+    const ZelDataVariable* variable(int32_t index) const;
+
+    int32_t addVariable(ZelDataVariableType type, const std::string& name,
+                        const std::string& description);
+    void resizeValues(int32_t variable, int32_t n);
+    // Like resizeValues, but leaves new storage uninitialised; for the decoder,
+    // which overwrites every value straight away.
+    void resizeValuesForOverwrite(int32_t variable, int32_t n);
+    void resizeVariables(int32_t n);
+    bool removeVariable(int32_t index);
+
+    void shuffle(const std::vector<std::string>& names,
+                 const std::vector<ZelDataVariableType>& types);
+    // Reorders the variables into the canonical order used after decoding.
+    void canonicalOrder();
+
+    // Decodes one AOI starting just after an AOI start tag; returns the number
+    // of bytes consumed or -1.
+    int32_t decode(const uint8_t* buffer, int32_t size);
+
+private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
+// The six coordinate channels of an AOI (X, Y, Z, U, V, W), -1 where absent.
+struct CoordinateVariables {
+    int32_t index[6] = {-1, -1, -1, -1, -1, -1};
+    bool found = false;
+};
+CoordinateVariables findCoordinateVariables(const ZelData& data);
+
+}  // namespace nimbra

@@ -1,0 +1,52 @@
+#pragma once
+// The library's process-wide logger: one console appender on standard error,
+// bare messages (no time stamp, severity or source), one line per message and
+// a lock per message so that worker threads never interleave their output.
+
+#include <sstream>
+#include <string>
+#include <string_view>
+
+namespace nimbra::log {
+
+enum Severity : int {
+    none = 0,
+    fatal = 1,
+    error = 2,
+    warning = 3,
+    info = 4,
+    debug = 5,
+    verbose = 6,
+};
+
+// Creates the logger on first call (later calls only change the maximum).
+void init(Severity maxSeverity);
+bool exists();
+void setMaxSeverity(Severity maxSeverity);
+Severity maxSeverity();
+// True when the logger exists and a message of this severity would be written.
+bool enabled(Severity severity);
+void write(Severity severity, std::string_view message);
+
+// Collects one message and writes it when it goes out of scope.
+class Record {
+public:
+    explicit Record(Severity severity) : severity_(severity) {}
+    Record(const Record&) = delete;
+    Record& operator=(const Record&) = delete;
+    ~Record() { write(severity_, stream_.str()); }
+    std::ostringstream& stream() { return stream_; }
+
+private:
+    Severity severity_;
+    std::ostringstream stream_;
+};
+
+}  // namespace nimbra::log
+
+// Usage: NIMBRA_LOG(error) << "Could not read aoi.";
+// The message is not even formatted when the severity is filtered out.
+#define NIMBRA_LOG(sev)                                           \
+    if (!::nimbra::log::enabled(::nimbra::log::sev)) {            \
+    } else                                                        \
+        ::nimbra::log::Record(::nimbra::log::sev).stream()

@@ -1,0 +1,1 @@
+"""Compiled core of zelpy; import :mod:`zelpy` instead."""

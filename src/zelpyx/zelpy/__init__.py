@@ -1,0 +1,1 @@
+"""Package of the compiled module ``zelpyx.zelpy.zelpy``."""

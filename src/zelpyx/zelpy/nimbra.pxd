@@ -1,0 +1,104 @@
+# Declarations of the nimbra C++ API used by the zelpy module; the one place
+# where the module learns about the library.
+
+from libc.stdint cimport int32_t, int64_t, uint8_t, uint32_t
+from libcpp cimport bool
+from libcpp.string cimport string
+from libcpp.vector cimport vector
+
+
+# ------------------------------------------------------------------- logging
+
+cdef extern from "nimbra/log/Log.h" namespace "nimbra::log":
+    cdef enum Severity "nimbra::log::Severity":
+        log_none "nimbra::log::none"
+        log_fatal "nimbra::log::fatal"
+        log_error "nimbra::log::error"
+        log_warning "nimbra::log::warning"
+        log_info "nimbra::log::info"
+        log_debug "nimbra::log::debug"
+        log_verbose "nimbra::log::verbose"
+    void log_init "nimbra::log::init"(Severity) nogil
+    bool log_exists "nimbra::log::exists"() nogil
+    void log_set_max_severity "nimbra::log::setMaxSeverity"(Severity) nogil
+    Severity log_max_severity "nimbra::log::maxSeverity"() nogil
+
+
+# ---------------------------------------------------------------- data core
+
+cdef extern from "nimbra/data/ZelDataVariableType.h" namespace "nimbra":
+    cdef enum ZelDataVariableType "nimbra::ZelDataVariableType":
+        pass
+
+
+cdef extern from "nimbra/data/ZelData.h" namespace "nimbra":
+    # The reference-counted storage of one variable's values; holding a copy
+    # keeps the values alive for a numpy view even after the dataset reloads.
+    cdef cppclass SharedValues "std::shared_ptr<float[]>":
+        SharedValues()
+        float* get()
+
+    cdef cppclass ZelDataVariable:
+        string name
+        string description
+        int32_t type
+        SharedValues values
+        int32_t count
+
+    cdef cppclass ZelData:
+        ZelData() except +
+        ZelData(const ZelData&) except +
+        void clear()
+        int32_t numRows()
+        int32_t numColumns()
+        int32_t matrixSize()
+        int32_t numVariables()
+        void setSize(int32_t rows, int32_t columns)
+        const string& name()
+        void setName(const string&) except +
+        int32_t gridKind()
+        void setGridKind(int32_t)
+        int32_t variableIndex(const string&)
+        int32_t findVariable(ZelDataVariableType, const string&)
+        int32_t firstVariableOfType(ZelDataVariableType)
+        float* variableValues(int32_t)
+        ZelDataVariable* variable(int32_t)
+        int32_t addVariable(ZelDataVariableType, const string&, const string&) except +
+        void resizeValues(int32_t, int32_t) except +
+        void resizeVariables(int32_t) except +
+        bool removeVariable(int32_t)
+        void canonicalOrder() except +
+
+
+cdef extern from "nimbra/data/ZelDataSet.h" namespace "nimbra":
+    cdef cppclass ZelDataSet:
+        ZelDataSet() except +
+        ZelDataSet(const ZelDataSet&) except +
+        ZelDataSet& assign "operator="(const ZelDataSet&) except +
+        void clear()
+        int32_t numData()
+        ZelData* data(int32_t)
+        ZelData* addData(int32_t rows, int32_t columns, const string& name) except +
+        const string& referenceImage()
+        void setReferenceImage(const string&) except +
+        const string& deformedImage()
+        void setDeformedImage(const string&) except +
+        bool decode(const uint8_t*, int32_t, bool) except + nogil
+        bool load(const string&) except + nogil
+        int64_t encodedSize()
+        bool encodeInto(uint8_t*, int64_t, bool) nogil
+        bool save(const string&) except + nogil
+
+
+cdef extern from "nimbra/data/FileNames.h" namespace "nimbra":
+    cdef cppclass optional_string "std::optional<std::string>":
+        bool has_value()
+        string& value()
+    optional_string changeFileExtension(const string&, const string&) except +
+
+
+# ----------------------------------------------------------------- analysis
+
+
+# ----------------------------------------------------------------- geometry
+
