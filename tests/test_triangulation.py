@@ -23,7 +23,7 @@ def test_full_grid_counts(rows, columns, step):
     tri = dataset(rows, columns).triangulation(step)
     cells = max(rows // step - 1, 0) * max(columns // step - 1, 0)
     assert tri.shape == (2 * cells, 3)
-    assert tri.dtype == np.int64
+    assert tri.dtype == np.uint32
     # Sub-sampled vertices lie on the coarse grid only.
     assert np.all((tri // columns) % step == 0) and np.all((tri % columns) % step == 0)
 
@@ -51,7 +51,7 @@ def test_all_triangles_turn_the_same_way():
     # triangle of every pattern has the same orientation.
     rng = np.random.default_rng(4)
     valid = rng.uniform(size=(30, 40)) > 0.3
-    tri = dataset(30, 40, valid).triangulation()
+    tri = dataset(30, 40, valid).triangulation().astype(np.int64)
     col, row = tri % 40, tri // 40
     cross = (col[:, 1] - col[:, 0]) * (row[:, 2] - row[:, 0]) - (row[:, 1] - row[:, 0]) * (col[:, 2] - col[:, 0])
     assert np.all(cross > 0)
@@ -93,7 +93,7 @@ def test_aois_that_cannot_be_meshed_still_count_in_offsets():
 
 def test_no_valid_points_gives_empty_array():
     tri = dataset(6, 6, np.zeros((6, 6), bool)).triangulation()
-    assert tri.shape == (0, 3) and tri.dtype == np.int64
+    assert tri.shape == (0, 3) and tri.dtype == np.uint32
     assert zelpy.ZelDataSet().triangulation().shape == (0, 3)
 
 

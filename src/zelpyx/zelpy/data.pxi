@@ -580,7 +580,7 @@ cdef class ZelDataSet:
 
         Returns:
             A n-by-3 numpy array of triangle indices, where n is the number of triangles.
-            The indices (int64) point into the array of get_values().
+            The indices (uint32) point into the array of get_values().
         """
         self.__check_thisptr()
         return _dataset_triangulation(self, sub_sample)
