@@ -102,8 +102,10 @@ void localEdges(const double* a, const double* b, const double* c, double (&x)[2
     double n[3];
     cross(ac, bc, n);
     const double xz = n[0] * n[0] + n[2] * n[2];
-    const double invXz = 1.0 / std::sqrt(xz);
-    const double invLength = 1.0 / std::sqrt(xz + n[1] * n[1]);
+    const double rootXz = std::sqrt(xz), length = std::sqrt(xz + n[1] * n[1]);
+    const double invBoth = 1.0 / (rootXz * length);  // one division for both
+    const double invXz = length * invBoth;
+    const double invLength = rootXz * invBoth;
     const double ex[3] = {n[2] * invXz, 0.0, -n[0] * invXz};
     double ey[3];
     cross(ex, n, ey);  // |ex x n| = |n| since ex is a unit vector normal to n
@@ -166,19 +168,22 @@ int pointStrain(const Grid& g, int r, int c, double (&mean)[7], unsigned& failed
     double refC[3], defC[3];
     g.reference(p, refC);
     g.deformed(p, defC);
+    // Each neighbour serves two triangles: load its positions once.
+    double ref[4][3], def[4][3];
+    for (int k = 0; k < 4; ++k) {
+        if (!present[k]) continue;
+        g.reference(neighbour[k], ref[k]);
+        g.deformed(neighbour[k], def[k]);
+    }
     double sums[7] = {};
     int count = 0;
     failed = 0;
     for (int t = 0; t < 4; ++t) {
         const Neighbour first = kTriangles[t][0], second = kTriangles[t][1];
         if (!present[first] || !present[second]) continue;
-        double refA[3], refB[3], defA[3], defB[3];
-        g.reference(neighbour[first], refA);
-        g.reference(neighbour[second], refB);
-        g.deformed(neighbour[first], defA);
-        g.deformed(neighbour[second], defB);
         double h[4];
-        const bool ok = analyze_triang(h, refA, refB, refC, defA, defB, defC);
+        const bool ok =
+            analyze_triang(h, ref[first], ref[second], refC, def[first], def[second], defC);
         if (!ok) {
             failed |= 1u << t;
             if (!quiet) {
