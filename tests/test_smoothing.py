@@ -112,10 +112,11 @@ def test_smooth_equals_direct_fit(noisy, window, weighted):
     assert np.all(result[~defined] == 0.0)
 
 
-def test_smooth_even_window_uses_next_odd(noisy):
+@pytest.mark.parametrize("even", [2, 4, 6])
+def test_smooth_even_window_uses_next_odd(noisy, even):
     values, valid, _ = noisy
     results = []
-    for window in (6, 7):
+    for window in (even, even + 1):
         ds = grid_dataset(ROWS, COLUMNS, np.zeros((ROWS, COLUMNS)), np.zeros((ROWS, COLUMNS)), valid=valid)
         ds.add_variable("f", "field", zelpy.ZelDataVariableType.Unknown)
         ds[0].variable_view("f")[...] = np.where(valid, values[1], 0.0)

@@ -383,3 +383,13 @@ def test_singular_triangle_warnings_in_grid_order(capfd, severity):
     ds.compute_strain(3)
     assert capfd.readouterr().err == "Could not invert matrix!!! -1 0 0\nrb failed.\n"
     assert np.all(ds[0].variable_view("sigma") == -1.0)
+
+
+@pytest.mark.parametrize("method,text", [
+    ("smooth", "Applies smoothing to a variable"),
+    ("compute_strain", "Computes the strain over all AOIs in the dataset."),
+    ("triangulation", "Returns a triangulation for the dataset."),
+    ("triangulation", "A n-by-3 numpy array of triangle indices, where n is the number of triangles."),
+])
+def test_docstrings(method, text):
+    assert text in getattr(zelpy.ZelDataSet, method).__doc__
