@@ -8,7 +8,13 @@ cdef inline nimbra.RotationAngleType _angle_unit(object angle_type) except *:
     # The enum's value goes to the library as is: 1 means degrees, any other
     # value radians; a value outside the library enum's range is refused by
     # the conversion with OverflowError.
-    cdef nimbra.RotationAngleType unit = angle_type.value
+    cdef nimbra.RotationAngleType unit
+    try:
+        unit = angle_type.value
+    except OverflowError:
+        # Beyond a C long the generic conversion message would name the
+        # wrong type; report it like any other value outside the enum.
+        raise OverflowError("value too large to convert to enum nimbra::Rotation::AngleType") from None
     return unit
 
 
