@@ -412,6 +412,9 @@ cdef void _transform_dataset(ZelDataSet dataset, RigidTransformation transformat
     _check_dataset(dataset)
     if transformation.thisptr == NULL:
         raise ValueError("C++ object pointer for RigidTransformation has not been initialized properly.")
-    # Always the 3-D variable set; the planar set is for library callers.
+    # A private copy: reading the rotation fills its lazily converted
+    # representations, which must not happen on a shared object without the
+    # GIL. Always the 3-D variable set; the planar one is for library callers.
+    cdef nimbra.RigidTransform transform = transformation.thisptr[0]
     with nogil:
-        nimbra.transformDataSet(dataset.thisptr[0], transformation.thisptr[0], displacement_only, 1)
+        nimbra.transformDataSet(dataset.thisptr[0], transform, displacement_only, 1)
