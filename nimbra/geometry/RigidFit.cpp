@@ -47,7 +47,11 @@ double evaluate(const Params& p, const std::vector<Vec3>& deformed, const std::v
     const Vec3 translation{p[3], p[4], p[5]};
     Params steps{};
     Mat3 shiftedRotation[3];
-    for (int k = 0; k < kParams; ++k) steps[k] = differenceStep(p[k]);
+    Params inverseSteps{};
+    for (int k = 0; k < kParams; ++k) {
+        steps[k] = differenceStep(p[k]);
+        inverseSteps[k] = 1.0 / steps[k];
+    }
     for (int k = 0; k < 3; ++k) {
         Vec3 r{p[0], p[1], p[2]};
         r[static_cast<std::size_t>(k)] += steps[k];
@@ -67,14 +71,14 @@ double evaluate(const Params& p, const std::vector<Vec3>& deformed, const std::v
         double jac[3][kParams];
         for (int k = 0; k < 3; ++k) {
             const Vec3 mk = multiply3(shiftedRotation[k], q);
-            for (int c = 0; c < 3; ++c) jac[c][k] = ((mk[c] + translation[c] - ref[c]) - r[c]) / steps[k];
+            for (int c = 0; c < 3; ++c) jac[c][k] = ((mk[c] + translation[c] - ref[c]) - r[c]) * inverseSteps[k];
         }
         // A translation step leaves the rotated point as it is; only the
         // shifted component's difference is non-zero.
         for (int k = 3; k < kParams; ++k)
             for (int c = 0; c < 3; ++c) {
                 const double tk = translation[c] + (c == k - 3 ? steps[k] : 0.0);
-                jac[c][k] = ((moved[c] + tk - ref[c]) - r[c]) / steps[k];
+                jac[c][k] = ((moved[c] + tk - ref[c]) - r[c]) * inverseSteps[k];
             }
         for (int c = 0; c < 3; ++c)
             for (int a = 0; a < kParams; ++a) {
