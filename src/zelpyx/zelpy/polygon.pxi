@@ -1,6 +1,18 @@
 # AOIPolygon: the outline, holes and correlation settings of one area of
 # interest, in the form projects exchange them.
 
+import operator
+
+
+def _int_argument(value, str name):
+    # A C int argument would silently truncate floats (7.5 -> 7); settings are
+    # whole numbers, so anything that is not an integer type is refused.
+    try:
+        return operator.index(value)
+    except TypeError:
+        raise TypeError("Argument '" + name + "' has incorrect type (expected int, got "
+                        + type(value).__name__ + ")") from None
+
 
 class AOIPolygon:
     """One area of interest: an outline polygon with cutouts (holes), plus the
@@ -46,8 +58,9 @@ class AOIPolygon:
         for cutout in cutouts:
             self.add_cutout(cutout)
 
-    def set_subset_size(self, int subset_size):
+    def set_subset_size(self, subset_size):
         """Set the correlation subset size: odd, 9 to 151 pixels."""
+        subset_size = _int_argument(subset_size, "subset_size")
         # The parity check comes first so that an even size is reported as
         # such even when it is also out of range.
         if subset_size % 2 == 0:
@@ -56,8 +69,9 @@ class AOIPolygon:
             raise ValueError("The subset size should be between 9 and 151")
         self.subset_size = subset_size
 
-    def set_step_size(self, int step_size):
+    def set_step_size(self, step_size):
         """Set the correlation step size: 1 to 30 pixels."""
+        step_size = _int_argument(step_size, "step_size")
         if step_size > 30 or step_size < 1:
             raise ValueError("The step size should be between 1 and 30")
         self.step_size = step_size

@@ -306,10 +306,12 @@ class ProjectFile:
             masks.append(polygon)
         return masks
 
-    def set_aoi_polygon_masks(self, list masks not None, int width, int height):
+    def set_aoi_polygon_masks(self, list masks not None, width, height):
         """Store ``masks`` (AOIPolygon objects) as the AOI mask of the
         reference image, an image of ``width`` x ``height`` pixels. A mask
         stored earlier is replaced."""
+        width = _int_argument(width, "width")
+        height = _int_argument(height, "height")
         self.__check_root()
         reference = self.get_reference_image()
         if reference is None:
