@@ -1,9 +1,6 @@
 # Finding datasets (directories, glob patterns, HDF5 files, projects), handing
 # them out as ZelDataSet objects and writing them back.
 
-import h5py
-
-
 # Extensions a reader source may have, tested in this order and
 # case-sensitively: "x.OUT" is not a data file.
 _SOURCE_EXTENSIONS = (".z3d", ".z2d", ".h5", ".out")
@@ -110,7 +107,7 @@ class ZelDataSetReader:
         """
         self.__reset()
         try:
-            with h5py.File(h5_file_name, "r+") as h5_file:
+            with _h5py().File(h5_file_name, "r+") as h5_file:
                 if "out" not in h5_file.keys():
                     raise ValueError(h5_file_name + " does not contain an 'out' group.")
                 self.h5_file_path = os.path.abspath(h5_file_name)

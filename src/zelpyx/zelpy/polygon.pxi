@@ -1,14 +1,14 @@
 # AOIPolygon: the outline, holes and correlation settings of one area of
 # interest, in the form projects exchange them.
 
-import operator
+import operator as _operator
 
 
 def _int_argument(value, str name):
     # A C int argument would silently truncate floats (7.5 -> 7); settings are
     # whole numbers, so anything that is not an integer type is refused.
     try:
-        return operator.index(value)
+        return _operator.index(value)
     except TypeError:
         raise TypeError("Argument '" + name + "' has incorrect type (expected int, got "
                         + type(value).__name__ + ")") from None

@@ -1,8 +1,20 @@
 # ProjectFile: the project archive (a ZIP holding "project.xml") of the
 # measurement application, edited through its XML tree.
 
-import numbers
-from lxml import etree
+import numbers as _numbers
+
+
+cdef object _etree_module = None
+
+
+cdef object _etree():
+    # lxml is imported on first use, like h5py: scripts that never touch a
+    # project should not pay for it at import.
+    global _etree_module
+    if _etree_module is None:
+        from lxml import etree
+        _etree_module = etree
+    return _etree_module
 
 
 _PROJECT_EXTENSION = ".z3d"
@@ -16,7 +28,7 @@ def _project_xml_parser():
     # must never make us fetch URLs, read local files through external
     # entities or load a DTD. A parser per call: lxml parsers are not meant
     # to be shared between threads.
-    return etree.XMLParser(remove_blank_text=True, resolve_entities=False,
+    return _etree().XMLParser(remove_blank_text=True, resolve_entities=False,
                            no_network=True, load_dtd=False)
 
 
@@ -28,7 +40,7 @@ def _read_project_root(str source not None):
     """
     with zipfile.PyZipFile(source, "r") as archive:
         text = archive.read(_PROJECT_MEMBER)
-    return etree.fromstring(text, _project_xml_parser())
+    return _etree().fromstring(text, _project_xml_parser())
 
 
 def _replace_file(str target, write):
@@ -123,7 +135,7 @@ class ProjectFile:
             raise AttributeError("Project file is not initialized")
         if not target.endswith(_PROJECT_EXTENSION):
             target += _PROJECT_EXTENSION
-        text = etree.tostring(self.root, encoding="utf-8", xml_declaration=True,
+        text = _etree().tostring(self.root, encoding="utf-8", xml_declaration=True,
                               pretty_print=True, doctype="<!DOCTYPE tqml>").decode("utf-8")
 
         def write(stream):
@@ -138,7 +150,7 @@ class ProjectFile:
         ``file_name``, made absolute."""
         self.reset()
         self.set_project_file_name(file_name)
-        root = etree.Element("project")
+        root = _etree().Element("project")
         root.set("structure_version", "2")
         root.set("activeWorkspace", "main")
         if project_directory is not None:
@@ -203,7 +215,7 @@ class ProjectFile:
         files = self.__files()
         reference = files.find("reference")
         if reference is None:
-            reference = etree.SubElement(files, "reference")
+            reference = _etree().SubElement(files, "reference")
         reference.text = reference_image
 
     # ---------------------------------------------------------- start points
@@ -237,7 +249,7 @@ class ProjectFile:
         self.__check_root()
         for name, value in (("position", position), ("du", du), ("dv", dv)):
             if (not isinstance(value, (tuple, list)) or len(value) != 2
-                    or not all(isinstance(v, numbers.Real) and not isinstance(v, bool)
+                    or not all(isinstance(v, _numbers.Real) and not isinstance(v, bool)
                                for v in value)):
                 raise TypeError(name + " must be a tuple or list of size 2")
         reference = self.get_reference_image()
@@ -262,7 +274,7 @@ class ProjectFile:
                 startpoint = element
                 break
         if startpoint is None:
-            startpoint = etree.SubElement(aois, "startpoint")
+            startpoint = _etree().SubElement(aois, "startpoint")
             startpoint.set("lri", start_point)
             startpoint.set("ref_img", reference_path)
         guess = None
@@ -271,7 +283,7 @@ class ProjectFile:
                 guess = element
                 break
         if guess is None:
-            guess = etree.SubElement(startpoint, "guess")
+            guess = _etree().SubElement(startpoint, "guess")
             guess.set("img", image_path)
         guess.set("score", "-1")
         guess.set("type", "ref" if os.path.normpath(image_path) == os.path.normpath(reference_path)
@@ -319,25 +331,25 @@ class ProjectFile:
         aois = self.__project_aois()
         node = aois.find("aoinode")
         if node is None:
-            node = etree.SubElement(aois, "aoinode")
+            node = _etree().SubElement(aois, "aoinode")
             node.set("lri", "aoinode")
             node.set("img", reference)
         for old in node.findall("polygonmask"):
             node.remove(old)
-        mask_element = etree.SubElement(node, "polygonmask")
+        mask_element = _etree().SubElement(node, "polygonmask")
         mask_element.set("lri", "polygonmask")
         mask_element.set("width", str(width))
         mask_element.set("height", str(height))
         for mask in masks:
-            polygon = etree.SubElement(mask_element, "polygon")
+            polygon = _etree().SubElement(mask_element, "polygon")
             polygon.set("stepsize", str(mask.step_size))
             polygon.set("height", "7")
             polygon.set("selected", "false")
             polygon.set("subsetsize", str(mask.subset_size))
-            outline = etree.SubElement(polygon, "outline")
+            outline = _etree().SubElement(polygon, "outline")
             outline.text = _numbers_text(mask.outline or [])
             for cutout in mask.cutouts:
-                etree.SubElement(polygon, "cutout").text = _numbers_text(cutout)
+                _etree().SubElement(polygon, "cutout").text = _numbers_text(cutout)
 
     # ----------------------------------------------------------- analog data
 
@@ -375,14 +387,14 @@ class ProjectFile:
     def __files(self):
         files = self.root.find("files")
         if files is None:
-            files = etree.SubElement(self.root, "files")
+            files = _etree().SubElement(self.root, "files")
             files.set("lri", "files")
         return files
 
     def __project_aois(self):
         aois = self.root.find("projectaois")
         if aois is None:
-            aois = etree.SubElement(self.root, "projectaois")
+            aois = _etree().SubElement(self.root, "projectaois")
             aois.set("lri", "projectaois")
         return aois
 
@@ -397,7 +409,7 @@ class ProjectFile:
         for element in self.root.xpath("//files/" + tag):
             element.getparent().remove(element)
         for entry in entries:
-            etree.SubElement(files, tag).text = entry
+            _etree().SubElement(files, tag).text = entry
 
 
 def _read_columns(stream):
