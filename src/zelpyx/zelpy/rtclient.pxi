@@ -156,7 +156,10 @@ class RTClient:
                         self.__cleanup()
                         return
                     end += received
-                while True:
+                # Checking `running` per message lets a handler that calls
+                # disconnect() be the last one called, even with more
+                # messages already buffered.
+                while self.running:
                     if message_size == 0 and end - start >= _RT_HEADER_SIZE:
                         payload_size = int.from_bytes(view[start:start + 4], byteorder=sys.byteorder)
                         message_type = int.from_bytes(view[start + 4:start + 8], byteorder=sys.byteorder)
