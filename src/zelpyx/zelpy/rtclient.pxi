@@ -166,10 +166,16 @@ class RTClient:
                         message_size = _RT_HEADER_SIZE + payload_size
                     if message_size == 0 or message_size > end - start:
                         break
-                    message = bytes(view[start + _RT_HEADER_SIZE:start + message_size])
+                    # The payload is handed on as a view into the buffer: the
+                    # decoder copies what it keeps, so a data file is not
+                    # copied once more just to become a bytes object.
+                    message = view[start + _RT_HEADER_SIZE:start + message_size]
                     start += message_size
                     message_size = 0
-                    data_set_i = self.__process_data(message, message_type, data_set_i)
+                    try:
+                        data_set_i = self.__process_data(message, message_type, data_set_i)
+                    finally:
+                        message.release()
                 if start == end:
                     start = end = 0
         except BaseException:
@@ -194,10 +200,10 @@ class RTClient:
         if message_type == _RT_TYPE_ANALOG:
             handler = self.handlers.get(RTClientMessageType.ANALOG_DATA)
             if handler is not None:
-                handler(data_set_i, message.decode("utf-8"))
+                handler(data_set_i, str(message, "utf-8"))
             return data_set_i
         if message_type == _RT_TYPE_ERROR:
-            raise Exception("Error from server: {}".format(message.decode("utf-8")))
+            raise Exception("Error from server: {}".format(str(message, "utf-8")))
         raise Exception("Unknown message type, exiting.")
 
 
