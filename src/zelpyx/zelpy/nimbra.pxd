@@ -118,6 +118,36 @@ cdef extern from "nimbra/data/FileNames.h" namespace "nimbra" nogil:
 
 # ----------------------------------------------------------------- analysis
 
+cdef extern from "nimbra/analysis/Workers.h" namespace "nimbra":
+    int analysisWorkerCount() nogil
+    int setAnalysisWorkerCount(int) nogil
+
+
+cdef extern from "nimbra/analysis/Smoothing.h" namespace "nimbra":
+    bool smoothVariable(ZelDataSet&, const string&, int, bool, uint32_t*) except + nogil
+    void smoothChannels(const vector[float*]&, const vector[const float*]&, const float*,
+                        int, int, int, bool, int) except + nogil
+
+
+cdef extern from "nimbra/analysis/Strain.h" namespace "nimbra":
+    cdef enum TensorType "nimbra::TensorType":
+        LagrangeStrainTensor "nimbra::LagrangeStrainTensor"
+        HenckyStrainTensor "nimbra::HenckyStrainTensor"
+        EulerStrainTensor "nimbra::EulerStrainTensor"
+        LogarithmicEulerTensor "nimbra::LogarithmicEulerTensor"
+        EngineeringStrain "nimbra::EngineeringStrain"
+        BiotStrainTensor "nimbra::BiotStrainTensor"
+    cdef cppclass StrainVariableIndices:
+        int32_t index[7]
+    bool computeStrain(ZelDataSet&, int, bool, bool, bool, TensorType, bool, bool, bool, bool,
+                       vector[StrainVariableIndices]*, bool) except + nogil
+
+
+cdef extern from "nimbra/analysis/Triangulation.h" namespace "nimbra":
+    int64_t maxTriangles(const ZelDataSet&, int) nogil
+    int64_t triangulateInto(const ZelDataSet&, int, int64_t*) nogil
+
+
 
 # ----------------------------------------------------------------- geometry
 
