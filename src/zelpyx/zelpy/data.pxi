@@ -576,6 +576,17 @@ cdef class ZelDataSet:
 
     # ---------------------------------------------------------- geometry
 
+    def transform(self, RigidTransformation rigid_trnasformation not None, cbool displacement_only=False):
+        """Moves every AOI into the coordinate system of ``rigid_trnasformation``.
+
+        Valid points (confidence >= 0) of AOIs with X, Y, Z get position
+        R p + t, displacement R d and SIGMA_i = sum_j R_ij**4 SIGMA_j. With
+        ``displacement_only`` the positions stay and the displacement becomes
+        T(p + d) - p.
+        """
+        self.__check_thisptr()
+        _transform_dataset(self, rigid_trnasformation, displacement_only)
+
 
 cdef object _h5py():
     # h5py is imported on first use: it is slow to import and most scripts
