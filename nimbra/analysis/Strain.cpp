@@ -354,9 +354,12 @@ void compute_strain(float* const* strain, float* const* gradient, const float* x
     // that was, and, when warnings are written, points with failures so that
     // their warnings come out in grid order.
     const int count = std::min(resolveWorkerCount(workers), height);
+    // Contiguous bands of rows: a point reads the rows above and below it,
+    // which then are in the worker's cache already.
     runWorkers(count, [&](int k, int n) {
         quiet = true;
-        for (int r = k; r < height; r += n) {
+        const int last = static_cast<int>(static_cast<int64_t>(height) * (k + 1) / n);
+        for (int r = static_cast<int>(static_cast<int64_t>(height) * k / n); r < last; ++r) {
             for (int c = 0; c < width; ++c) {
                 const size_t p = static_cast<size_t>(r) * width + c;
                 if (!g.valid(p)) continue;
