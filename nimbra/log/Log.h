@@ -46,7 +46,9 @@ private:
 
 // Usage: NIMBRA_LOG(error) << "Could not read aoi.";
 // The message is not even formatted when the severity is filtered out.
-#define NIMBRA_LOG(sev)                                           \
-    if (!::nimbra::log::enabled(::nimbra::log::sev)) {            \
-    } else                                                        \
-        ::nimbra::log::Record(::nimbra::log::sev).stream()
+// Written as a one-pass loop rather than if/else so that it nests safely
+// inside an unbraced if.
+#define NIMBRA_LOG(sev)                                                              \
+    for (bool nimbraLogOnce = ::nimbra::log::enabled(::nimbra::log::sev); nimbraLogOnce; \
+         nimbraLogOnce = false)                                                      \
+    ::nimbra::log::Record(::nimbra::log::sev).stream()

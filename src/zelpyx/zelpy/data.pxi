@@ -1,13 +1,280 @@
 # ZelData and ZelDataSet: the Python faces of one AOI and one data file.
 
+from cython.operator cimport dereference as deref
+from cpython.bytes cimport PyBytes_FromStringAndSize, PyBytes_AS_STRING
+
+
+cdef class _SharedValues:
+    """Keeps one variable's value storage alive for the numpy arrays viewing it."""
+    cdef nimbra.SharedValues values
+
+
+cdef object _view_values(nimbra.ZelDataVariable* record, tuple shape):
+    cdef cnp.npy_intp dims[2]
+    cdef _SharedValues owner
+    cdef int nd = len(shape)
+    if record.count <= 0 or record.values.get() == NULL:
+        return np.empty(shape if nd == 2 and shape[0] * shape[1] == 0 else (0,), dtype=np.float32)
+    dims[0] = shape[0]
+    if nd == 2:
+        dims[1] = shape[1]
+    owner = _SharedValues()
+    owner.values = record.values
+    arr = cnp.PyArray_SimpleNewFromData(nd, dims, cnp.NPY_FLOAT32, <void*>record.values.get())
+    cnp.set_array_base(arr, owner)
+    return arr
+
+
+cdef object _variable_array(nimbra.ZelData* aoi, int32_t index):
+    # A flat view without copying; callers copy it into their own arrays.
+    cdef nimbra.ZelDataVariable* record = aoi.variable(index)
+    return _view_values(record, (record.count,))
+
+
+cdef object _structured(nimbra.ZelData* aoi, list names, object out, Py_ssize_t start):
+    cdef int32_t index
+    cdef Py_ssize_t n = aoi.matrixSize()
+    for name in names:
+        index = aoi.variableIndex(_utf8(name))
+        if index < 0:
+            raise ValueError("Could not find variable " + name)
+        values = _variable_array(aoi, index)
+        m = min(n, values.shape[0])
+        out[name][start:start + m] = values[:m]
+    return out
+
+
+cdef inline int32_t _resolve_variable(nimbra.ZelData* aoi, object variable) except? -2:
+    if isinstance(variable, str):
+        return aoi.variableIndex(_utf8(variable))
+    return <int32_t>variable
+
+
+cdef _copy_into_variable(nimbra.ZelData* aoi, int32_t index, object values):
+    """Writes all values of one variable; the length must be the matrix size."""
+    cdef vector[float] converted
+    cdef float[::1] view
+    cdef Py_ssize_t n
+    cdef nimbra.ZelDataVariable* record = aoi.variable(index)
+    if record == NULL:
+        raise IndexError("Variable index out of range.")
+    if isinstance(values, np.ndarray):
+        arr = np.ascontiguousarray(np.ravel(values), dtype=np.float32)
+        n = arr.shape[0]
+    else:
+        converted = values
+        n = converted.size()
+    if n != aoi.matrixSize():
+        raise IndexError("Size mismatch. Matrix size is " + str(aoi.matrixSize())
+                         + " while values are " + str(n) + ".")
+    aoi.resizeValues(index, <int32_t>n)
+    if n == 0:
+        return
+    if isinstance(values, np.ndarray):
+        view = arr
+        with nogil:
+            memcpy(record.values.get(), &view[0], n * sizeof(float))
+    else:
+        memcpy(record.values.get(), converted.data(), n * sizeof(float))
+
+
+cdef class ZelData:
+    """One area of interest (AOI): a grid of points with named float32 variables.
+
+    Instances come from :meth:`ZelDataSet.data` (borrowing an AOI of that
+    dataset) or from :meth:`copy` (owning a deep copy); they are not created
+    directly.
+    """
+    cdef nimbra.ZelData* thisptr
+    cdef bint _owned
+    cdef ZelDataSet _dataset
+    cdef long _generation
+
+    def __cinit__(self, other=None, **kwargs):
+        self.thisptr = NULL
+        self._owned = False
+        self._dataset = None
+        if other and isinstance(other, ZelData):
+            (<ZelData>other).__check_thisptr()
+            self.thisptr = new nimbra.ZelData(deref((<ZelData>other).thisptr))
+            self._owned = True
+        elif kwargs.get("yes_create_the_object_i_know_what_i_do"):
+            pass
+        else:
+            raise TypeError("Instances of " + type(self).__name__ + " must not be created directly.")
+
+    def __dealloc__(self):
+        if self._owned and self.thisptr != NULL:
+            del self.thisptr
+        self.thisptr = NULL
+
+    cdef void _attach(self, ZelDataSet dataset, nimbra.ZelData* aoi):
+        self.thisptr = aoi
+        self._owned = False
+        self._dataset = dataset
+        self._generation = dataset._generation
+
+    def __check_thisptr(self):
+        # A borrowed AOI dies when its dataset reloads; refuse it then instead
+        # of touching freed memory.
+        if (self.thisptr != NULL and self._dataset is not None
+                and self._dataset._generation != self._generation):
+            self.thisptr = NULL
+        if self.thisptr == NULL:
+            raise ValueError("C++ object pointer for " + type(self).__name__
+                             + " has not been initialized properly.")
+
+    def __reduce__(self):
+        raise TypeError("no default __reduce__ due to non-trivial __cinit__")
+
+    def __setstate__(self, state):
+        raise TypeError("no default __reduce__ due to non-trivial __cinit__")
+
+    def clear(self):
+        """Removes every variable and sets the grid to 0 x 0."""
+        self.__check_thisptr()
+        self.thisptr.clear()
+
+    def copy(self):
+        """A new ZelData owning a deep copy of this AOI."""
+        self.__check_thisptr()
+        return ZelData(self)
+
+    def num_rows(self):
+        """Number of grid rows."""
+        self.__check_thisptr()
+        return self.thisptr.numRows()
+
+    def num_columns(self):
+        """Number of grid columns."""
+        self.__check_thisptr()
+        return self.thisptr.numColumns()
+
+    def num_variables(self):
+        """Number of variables."""
+        self.__check_thisptr()
+        return self.thisptr.numVariables()
+
+    def matrix_size(self):
+        """Number of grid points (rows x columns)."""
+        self.__check_thisptr()
+        return self.thisptr.matrixSize()
+
+    def name(self):
+        """The AOI's name (may be empty)."""
+        self.__check_thisptr()
+        return _str(self.thisptr.name())
+
+    def variable_name(self, int n):
+        """Name of variable ``n``; empty when ``n`` is out of range."""
+        self.__check_thisptr()
+        cdef nimbra.ZelDataVariable* record = self.thisptr.variable(n)
+        return "" if record == NULL else _str(record.name)
+
+    def variable_description(self, int n):
+        """Description of variable ``n``; empty when ``n`` is out of range."""
+        self.__check_thisptr()
+        cdef nimbra.ZelDataVariable* record = self.thisptr.variable(n)
+        return "" if record == NULL else _str(record.description)
+
+    def variable_type(self, int n):
+        """Kind of variable ``n`` as a :class:`ZelDataVariableType`."""
+        self.__check_thisptr()
+        cdef nimbra.ZelDataVariable* record = self.thisptr.variable(n)
+        return ZelDataVariableType(nimbra.Unknown if record == NULL else record.type)
+
+    def variable_index(self, str variable):
+        """Index of the first variable named ``variable``; -1 when absent."""
+        self.__check_thisptr()
+        return self.thisptr.variableIndex(_utf8(variable))
+
+    def value(self, int n, int variable_index):
+        """Value of point ``n`` of the variable with index ``variable_index``."""
+        self.__check_thisptr()
+        if n < 0 or n >= self.thisptr.matrixSize():
+            raise IndexError("Index " + str(n) + " outside valid range (0, " + str(self.matrixSize()) + ")")
+        cdef nimbra.ZelDataVariable* record = self.thisptr.variable(variable_index)
+        if record == NULL or n >= record.count:
+            raise IndexError("Variable index out of range.")
+        return record.values.get()[n]
+
+    def values(self, int n, vector[int] variable_ids):
+        """Values of point ``n`` of the listed variables, in list order."""
+        self.__check_thisptr()
+        if n < 0 or n >= self.thisptr.matrixSize():
+            raise IndexError("Index " + str(n) + " outside valid range (0, " + str(self.matrixSize()) + ")")
+        cdef nimbra.ZelDataVariable* record
+        result = []
+        for index in variable_ids:
+            record = self.thisptr.variable(index)
+            if record == NULL or n >= record.count:
+                raise IndexError("Variable index out of range.")
+            result.append(record.values.get()[n])
+        return result
+
+    def set_value(self, int n, variable_index, float value):
+        """Sets point ``n`` of a variable given by name or index."""
+        self.__check_thisptr()
+        if n < 0 or n >= self.thisptr.matrixSize():
+            raise IndexError("Index " + str(n) + " outside valid range (0, " + str(self.matrixSize()) + ")")
+        cdef nimbra.ZelDataVariable* record = self.thisptr.variable(
+            _resolve_variable(self.thisptr, variable_index))
+        if record == NULL or n >= record.count:
+            raise IndexError("Variable index out of range.")
+        record.values.get()[n] = value
+
+    def set_values(self, variable_index, values):
+        """Replaces all values of a variable given by name or index.
+
+        ``values`` is a sequence of numbers or a numpy array with exactly
+        ``matrix_size()`` elements.
+        """
+        self.__check_thisptr()
+        _copy_into_variable(self.thisptr, _resolve_variable(self.thisptr, variable_index), values)
+
+    def as_array(self, variables):
+        """The listed variables as a numpy structured array of float32 fields."""
+        self.__check_thisptr()
+        names = list(variables)
+        out = np.empty(self.thisptr.matrixSize(), dtype=[(name, np.float32) for name in names])
+        return _structured(self.thisptr, names, out, 0)
+
+    def variable_view(self, variable):
+        """One variable's values as a float32 array of shape (rows, columns).
+
+        The array shares memory with the AOI: no copy is made, and writing to
+        it changes the dataset. It keeps the values alive on its own, so it
+        stays valid (detached) even after the dataset is reloaded.
+        ``variable`` is a name or an index.
+        """
+        self.__check_thisptr()
+        cdef int32_t index = _resolve_variable(self.thisptr, variable)
+        cdef nimbra.ZelDataVariable* record = self.thisptr.variable(index)
+        if record == NULL:
+            if isinstance(variable, str):
+                raise ValueError("Could not find variable " + variable)
+            raise IndexError("Variable index out of range.")
+        rows, columns = self.thisptr.numRows(), self.thisptr.numColumns()
+        if record.count == self.thisptr.matrixSize() and rows * columns == record.count:
+            return _view_values(record, (rows, columns))
+        return _view_values(record, (record.count,))
+
+
 cdef class ZelDataSet:
-    """One data file: the AOIs measured on one image pair."""
+    """One data file: the AOIs measured on one image pair.
+
+    Load it with :meth:`load` (a ".out" file or "file.h5:out:N") or
+    :meth:`load_from_data`, or build it with :meth:`add_aoi` and
+    :meth:`add_variable`; save it with :meth:`save`.
+    """
     cdef nimbra.ZelDataSet* thisptr
     cdef object _file_name
+    cdef long _generation
 
     def __cinit__(self):
         self.thisptr = new nimbra.ZelDataSet()
         self._file_name = None
+        self._generation = 0
 
     def __dealloc__(self):
         del self.thisptr
@@ -18,6 +285,346 @@ cdef class ZelDataSet:
             raise ValueError("C++ object pointer for " + type(self).__name__
                              + " has not been initialized properly.")
 
+    def __reduce__(self):
+        raise TypeError("no default __reduce__ due to non-trivial __cinit__")
+
+    def __setstate__(self, state):
+        raise TypeError("no default __reduce__ due to non-trivial __cinit__")
+
+    def __is_hdf5(self, file_name):
+        parts = file_name.split(":out:")
+        if len(parts) == 2 and parts[0].endswith(".h5"):
+            return parts
+        return None
+
+    cdef bint _decode(self, const uint8_t* data, Py_ssize_t size):
+        cdef cbool ok = False
+        # Every AOI handed out so far is about to be freed.
+        self._generation += 1
+        if size < 0 or size > 0x7FFFFFFF:
+            self.thisptr.clear()
+            return False
+        with nogil:
+            ok = self.thisptr.decode(data, <int32_t>size, False)
+        return ok
+
+    # ------------------------------------------------------------ files
+
+    def load(self, str file_name):
+        """Loads a ".out" file, or a dataset stored in an HDF5 file ("file.h5:out:N")."""
+        self.__check_thisptr()
+        parts = self.__is_hdf5(file_name)
+        if parts:
+            self.load_from_data(_read_hdf5_member(parts[0], parts[1]), file_name)
+            return
+        cdef string path = _utf8(file_name)
+        cdef cbool ok = False
+        self._generation += 1
+        with nogil:
+            ok = self.thisptr.load(path)
+        if not ok:
+            raise NameError("Unable to find file: " + file_name + " or file is corrupted")
+        self._file_name = file_name
+
+    def load_from_data(self, buffer, str file_name):
+        """Decodes a data file held in memory (bytes or any byte buffer)."""
+        self.__check_thisptr()
+        cdef const uint8_t[::1] view = buffer
+        cdef Py_ssize_t size = view.shape[0]
+        if size == 0 or not self._decode(&view[0], size):
+            raise ValueError("Unable to decode memory buffer")
+        self._file_name = file_name
+
+    def save(self, str file_name=None):
+        """Writes the dataset to a ".out" file or into an HDF5 file ("file.h5:out:N").
+
+        Without a name the dataset's own file name is used. An existing file
+        is replaced only once the new one is completely written.
+        """
+        self.__check_thisptr()
+        if file_name is None:
+            file_name = self._file_name
+            if file_name is None:
+                raise NameError("A file name is required")
+        parts = self.__is_hdf5(file_name)
+        if parts:
+            _write_hdf5_member(parts[0], parts[1], self.export_raw())
+            return
+        cdef string path = _utf8(file_name)
+        cdef cbool ok = False
+        with nogil:
+            ok = self.thisptr.save(path)
+        if not ok:
+            raise OSError("Unable to save file: " + file_name)
+
+    def export_raw(self):
+        """The dataset encoded in the data file format, as bytes."""
+        self.__check_thisptr()
+        cdef int64_t size = self.thisptr.encodedSize()
+        if size < 0:
+            raise ValueError("The dataset is too large for the data file format")
+        result = PyBytes_FromStringAndSize(NULL, size)
+        cdef uint8_t* destination = <uint8_t*>PyBytes_AS_STRING(result)
+        cdef cbool ok = False
+        with nogil:
+            ok = self.thisptr.encodeInto(destination, size, False)
+        if not ok:
+            raise ValueError("Unable to encode the dataset")
+        return result
+
+    def copy(self):
+        """A new ZelDataSet holding a deep copy of this one (file name included)."""
+        self.__check_thisptr()
+        cdef ZelDataSet result = ZelDataSet()
+        result.thisptr.assign(deref(self.thisptr))
+        result._file_name = self._file_name
+        return result
+
+    def file_name(self):
+        """The dataset's file name, or None when none was set."""
+        return self._file_name
+
+    def set_file_name(self, str file_name):
+        """Sets the dataset's file name (used by :meth:`save` without a name)."""
+        self._file_name = file_name
+
+    def reference_image(self):
+        """File name of the reference image."""
+        self.__check_thisptr()
+        return _str(self.thisptr.referenceImage())
+
+    def deformed_image(self):
+        """File name of the deformed image."""
+        self.__check_thisptr()
+        return _str(self.thisptr.deformedImage())
+
+    def set_reference_image(self, str file_name):
+        """Sets the file name of the reference image."""
+        self.__check_thisptr()
+        self.thisptr.setReferenceImage(_utf8(file_name))
+
+    def set_deformed_image(self, str file_name):
+        """Sets the file name of the deformed image."""
+        self.__check_thisptr()
+        self.thisptr.setDeformedImage(_utf8(file_name))
+
+    # ------------------------------------------------------------- AOIs
+
+    def num_data(self):
+        """Number of AOIs."""
+        self.__check_thisptr()
+        return self.thisptr.numData()
+
+    def data(self, int n):
+        """The AOI with index ``n`` as a :class:`ZelData` borrowing it from this dataset."""
+        self.__check_thisptr()
+        if n < 0 or n >= self.thisptr.numData():
+            raise IndexError("Index " + str(n) + " outside valid range (0, " + str(self.thisptr.numData()) + ")")
+        cdef ZelData result = ZelData(yes_create_the_object_i_know_what_i_do=True)
+        result._attach(self, self.thisptr.data(n))
+        return result
+
+    def __getitem__(self, n):
+        return self.data(n)
+
+    def add_aoi(self, int rows, int columns, str name=""):
+        """Appends an empty AOI with a rows x columns grid and returns it.
+
+        Variables are then added to every AOI with :meth:`add_variable`.
+        """
+        self.__check_thisptr()
+        if rows < 0 or columns < 0 or <int64_t>rows * columns > 0x7FFFFFFF:
+            raise ValueError("Invalid grid size " + str(rows) + " x " + str(columns) + ".")
+        self.thisptr.addData(rows, columns, _utf8(name))
+        return self.data(self.thisptr.numData() - 1)
+
+    def matrix_size(self):
+        """Total number of grid points over all AOIs."""
+        self.__check_thisptr()
+        cdef int64_t total = 0
+        for i in range(self.thisptr.numData()):
+            total += self.thisptr.data(i).matrixSize()
+        return total
+
+    def variables(self):
+        """Names of the variables of the first AOI, in index order."""
+        self.__check_thisptr()
+        aoi = self.data(0)
+        return [aoi.variable_name(i) for i in range(aoi.num_variables())]
+
+    def variables_descriptions(self):
+        """Descriptions of the variables of the first AOI, in index order."""
+        self.__check_thisptr()
+        aoi = self.data(0)
+        return [aoi.variable_description(i) for i in range(aoi.num_variables())]
+
+    def variables_types(self):
+        """Kinds of the variables of the first AOI, in index order."""
+        self.__check_thisptr()
+        aoi = self.data(0)
+        return [aoi.variable_type(i) for i in range(aoi.num_variables())]
+
+    # ----------------------------------------------------------- values
+
+    def get_values(self, variables):
+        """The listed variables of all AOIs as a numpy structured array.
+
+        One record per grid point, AOI 0 first, each AOI's points in row-major
+        order, one float32 field per name. The triangulation() function
+        returns indices into this array.
+        """
+        self.__check_thisptr()
+        names = list(variables)
+        out = np.empty(self.matrix_size(), dtype=[(name, np.float32) for name in names])
+        cdef Py_ssize_t start = 0
+        cdef nimbra.ZelData* aoi
+        for i in range(self.thisptr.numData()):
+            aoi = self.thisptr.data(i)
+            _structured(aoi, names, out, start)
+            start += aoi.matrixSize()
+        return out
+
+    def set_values(self, variables):
+        """Writes variables of all AOIs from a dict of name -> values or a structured array.
+
+        The values are split over the AOIs in order, each taking its
+        ``matrix_size()`` values.
+        """
+        self.__check_thisptr()
+        if isinstance(variables, dict):
+            items = list(variables.items())
+        elif isinstance(variables, np.ndarray) and variables.dtype.names is not None:
+            items = [(name, variables[name]) for name in variables.dtype.names]
+        else:
+            raise ValueError("Expected dict or numpy structured array.")
+        cdef nimbra.ZelData* aoi
+        cdef Py_ssize_t start, size
+        cdef int32_t index
+        for name, values in items:
+            if not isinstance(values, np.ndarray):
+                values = list(values)
+            start = 0
+            for i in range(self.thisptr.numData()):
+                aoi = self.thisptr.data(i)
+                index = aoi.variableIndex(_utf8(name))
+                if index < 0:
+                    raise ValueError("Could not find variable " + name)
+                size = aoi.matrixSize()
+                _copy_into_variable(aoi, index, values[start:start + size])
+                start += size
+
+    def add_variable(self, str variable_name, str variable_description,
+                     variable_type=ZelDataVariableType.Unknown, vector[float] values=[]):
+        """Adds a variable to every AOI and returns its name.
+
+        The new variable is zero-filled; when ``values`` is given it holds the
+        values of all AOIs in order (``matrix_size()`` of them). Names are not
+        made unique.
+        """
+        self.__check_thisptr()
+        cdef string name = _utf8(variable_name)
+        cdef string description = _utf8(variable_description)
+        cdef nimbra.ZelDataVariableType kind = <nimbra.ZelDataVariableType><int>variable_type.value
+        cdef nimbra.ZelData* aoi
+        cdef int32_t index
+        cdef size_t start = 0, size
+        result = variable_name
+        for i in range(self.thisptr.numData()):
+            aoi = self.thisptr.data(i)
+            index = aoi.addVariable(kind, name, description)
+            result = _str(aoi.variable(index).name)
+            if values.size() > 0:
+                size = <size_t>aoi.matrixSize()
+                if start + size > values.size():
+                    raise IndexError("Size mismatch. Matrix size is " + str(size) + " while values are "
+                                     + str(values.size() - start if values.size() > start else 0) + ".")
+                if size > 0:
+                    memcpy(aoi.variable(index).values.get(), values.data() + start, size * sizeof(float))
+                start += size
+        return result
+
+    def add_variables(self, variables):
+        """Adds one zero-filled variable per (name, description) pair of a dict."""
+        self.__check_thisptr()
+        return [self.add_variable(name, description) for name, description in variables.items()]
+
     # ---------------------------------------------------------- analysis
 
     # ---------------------------------------------------------- geometry
+
+
+cdef object _h5py():
+    # h5py is imported on first use: it is slow to import and most scripts
+    # only read ".out" files.
+    import h5py
+    return h5py
+
+
+cdef object _read_hdf5_member(str path, str index):
+    h5py = _h5py()
+    try:
+        handle = h5py.File(path, "r")
+    except Exception:
+        raise OSError("Cannot open {}.".format(path))
+    try:
+        if "out" not in handle:
+            raise ValueError(path + " does not contain an 'out' group.")
+        group = handle["out"]
+        if index not in group:
+            raise ValueError(path + " does not contain 'out:" + index + "' dataset.")
+        member = group[index]
+        block = np.empty(member.shape, dtype=np.uint8).reshape(-1)
+        if block.shape[0]:
+            member.read_direct(block)
+        return block
+    finally:
+        handle.close()
+
+
+cdef object _write_hdf5_member(str path, str index, bytes block):
+    h5py = _h5py()
+    try:
+        handle = h5py.File(path, "a")
+    except Exception:
+        raise OSError("Cannot open " + path + ".")
+    try:
+        group = handle.require_group("out")
+        # The new member is complete before the old one goes, so an
+        # interrupted save never loses the stored dataset.
+        temporary = index + ".partial"
+        if temporary in group:
+            del group[temporary]
+        group.create_dataset(temporary, data=np.frombuffer(block, dtype=np.uint8))
+        if index in group:
+            del group[index]
+        group.move(temporary, index)
+    finally:
+        handle.close()
+
+
+def change_file_extension(str full_file_name, str extension):
+    """The name of the file that belongs to a dataset name, with another extension.
+
+    Works for plain paths and for HDF5 dataset names ("dir/run.h5:out:7" with
+    ".csv" gives "dir/run-7_0.csv").
+    """
+    cdef nimbra.optional_string result = nimbra.changeFileExtension(_utf8(full_file_name), _utf8(extension))
+    if not result.has_value():
+        raise ValueError("Error in changing the extension for '" + full_file_name + "' to '" + extension + "'.")
+    return _str(result.value())
+
+
+def set_log_severity(int severity):
+    """Sets the most verbose severity the library writes to standard error.
+
+    0 none, 1 fatal, 2 error (the default set at import), 3 warning, 4 info,
+    5 debug, 6 verbose.
+    """
+    if severity < 0 or severity > 6:
+        raise ValueError("Log severity must be in range [0,6], got " + str(severity))
+    nimbra.log_set_max_severity(<nimbra.Severity>severity)
+
+
+def log_severity():
+    """The most verbose severity the library currently writes."""
+    return <int>nimbra.log_max_severity()

@@ -9,7 +9,7 @@ from libcpp.vector cimport vector
 
 # ------------------------------------------------------------------- logging
 
-cdef extern from "nimbra/log/Log.h" namespace "nimbra::log":
+cdef extern from "nimbra/log/Log.h" namespace "nimbra::log" nogil:
     cdef enum Severity "nimbra::log::Severity":
         log_none "nimbra::log::none"
         log_fatal "nimbra::log::fatal"
@@ -26,12 +26,31 @@ cdef extern from "nimbra/log/Log.h" namespace "nimbra::log":
 
 # ---------------------------------------------------------------- data core
 
-cdef extern from "nimbra/data/ZelDataVariableType.h" namespace "nimbra":
+cdef extern from "nimbra/data/ZelDataVariableType.h" namespace "nimbra" nogil:
     cdef enum ZelDataVariableType "nimbra::ZelDataVariableType":
-        pass
+        PixelCoordinate "nimbra::PixelCoordinate"
+        GlobalCoordinate "nimbra::GlobalCoordinate"
+        PixelDisplacement "nimbra::PixelDisplacement"
+        GlobalDisplacement "nimbra::GlobalDisplacement"
+        Strain "nimbra::Strain"
+        Correlation "nimbra::Correlation"
+        Unknown "nimbra::Unknown"
+        Disparity "nimbra::Disparity"
+        CylinderCoordinate "nimbra::CylinderCoordinate"
+        CylinderDisplacement "nimbra::CylinderDisplacement"
+        PixelVelocity "nimbra::PixelVelocity"
+        GlobalVelocity "nimbra::GlobalVelocity"
+        StrainRate "nimbra::StrainRate"
+        Curvature "nimbra::Curvature"
+        Angle "nimbra::Angle"
+        AngularVelocity "nimbra::AngularVelocity"
+        GlobalAcceleration "nimbra::GlobalAcceleration"
+        PixelAcceleration "nimbra::PixelAcceleration"
+        Stress "nimbra::Stress"
+        AngularAcceleration "nimbra::AngularAcceleration"
 
 
-cdef extern from "nimbra/data/ZelData.h" namespace "nimbra":
+cdef extern from "nimbra/data/ZelData.h" namespace "nimbra" nogil:
     # The reference-counted storage of one variable's values; holding a copy
     # keeps the values alive for a numpy view even after the dataset reloads.
     cdef cppclass SharedValues "std::shared_ptr<float[]>":
@@ -70,7 +89,7 @@ cdef extern from "nimbra/data/ZelData.h" namespace "nimbra":
         void canonicalOrder() except +
 
 
-cdef extern from "nimbra/data/ZelDataSet.h" namespace "nimbra":
+cdef extern from "nimbra/data/ZelDataSet.h" namespace "nimbra" nogil:
     cdef cppclass ZelDataSet:
         ZelDataSet() except +
         ZelDataSet(const ZelDataSet&) except +
@@ -90,7 +109,7 @@ cdef extern from "nimbra/data/ZelDataSet.h" namespace "nimbra":
         bool save(const string&) except + nogil
 
 
-cdef extern from "nimbra/data/FileNames.h" namespace "nimbra":
+cdef extern from "nimbra/data/FileNames.h" namespace "nimbra" nogil:
     cdef cppclass optional_string "std::optional<std::string>":
         bool has_value()
         string& value()
