@@ -13,6 +13,7 @@ import subprocess
 import sys
 import threading
 import time
+import tracemalloc
 
 import numpy as np
 import pytest
@@ -415,6 +416,20 @@ def test_server_closing_mid_message(connected, peer, received, thread_errors, cu
     peer.close_connection()
     assert_listener_ended(connected, thread_errors, ConnectionError,
                           "Connection closed by the server in the middle of a message.")
+
+
+def test_a_huge_announced_length_does_not_allocate_it(connected, peer, thread_errors):
+    tracemalloc.start()
+    try:
+        peer.send((0xFFFFFFF0).to_bytes(4, sys.byteorder)
+                  + (3).to_bytes(4, sys.byteorder) + bytes(3_000_000))
+        peer.close_connection()
+        assert_listener_ended(connected, thread_errors, ConnectionError,
+                              "Connection closed by the server in the middle of a message.")
+        peak = tracemalloc.get_traced_memory()[1]
+    finally:
+        tracemalloc.stop()
+    assert peak < 100_000_000
 
 
 def test_server_closing_between_messages_ends_quietly(connected, peer, received, thread_errors):
