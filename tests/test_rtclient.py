@@ -625,6 +625,21 @@ def test_server_serves_a_directory_in_reader_order(data_dir, blocks, make_client
 
 
 @needs_reader
+def test_server_reports_a_file_gone_since_the_listing(data_dir, blocks, make_client, received,
+                                                       thread_errors):
+    with RTServer(str(data_dir), port=0) as server:
+        gone = server.blocks.names[1]
+        os.remove(gone)
+        client = make_client(server.port)
+        client.connect()
+        client.request_start_data_streaming()
+        assert_same_data(collect(received, 1)[0][2], blocks[0])
+        error = thread_errors.get(timeout=TIMEOUT)
+    assert str(error).startswith("Error from server: Cannot read data file " + gone + ": ")
+    assert received.empty()
+
+
+@needs_reader
 def test_server_serves_an_hdf5_file(tmp_path, blocks, make_client, received):
     h5py = pytest.importorskip("h5py")
     path = tmp_path / "run.h5"
