@@ -69,6 +69,16 @@ def frame(message_type, payload=b""):
 
 # -------------------------------------------------------------- fixtures
 
+@pytest.fixture(autouse=True)
+def no_thread_left_behind():
+    before = set(threading.enumerate())
+    yield
+    new = [t for t in threading.enumerate() if t not in before]
+    for thread in new:
+        thread.join(TIMEOUT)
+    assert [t.name for t in new if t.is_alive()] == []
+
+
 class Peer:
     """The server side of one connection, written by hand."""
 

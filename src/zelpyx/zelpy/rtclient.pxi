@@ -7,7 +7,8 @@
 # sends single ASCII bytes.
 
 _RT_HEADER_SIZE = 8
-# Data files are large; read them in big pieces so a 50 MB file takes 50 calls.
+# Data files run to tens of MB: read up to this much per call, so a large
+# file is not taken apart into thousands of small reads.
 _RT_CHUNK_SIZE = 1000000
 
 # A data file announced in a header is given its whole buffer at once up to
