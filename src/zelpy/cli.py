@@ -239,12 +239,12 @@ def cmd_info(args) -> int:
 
     reader = open_source(args.source)
     names = reader.get_dataset_list()
+    detail_name = _pick(reader, args.dataset)
     where = reader.get_data_source() or os.path.abspath(args.source)
     kind = ("HDF5 file" if reader.h5_file_path else
             "directory" if reader.out_directory else "files")
     print(f"{where}: {kind}, {len(names)} dataset(s)")
     failed = 0
-    detail_name = _pick(reader, args.dataset)
     detail = None
     for i, name in enumerate(names):
         try:
