@@ -234,23 +234,23 @@ def test_canonical_order_3d_keeps_file_order_within_a_kind():
 
 
 def test_canonical_order_moves_sigma_displacements_to_the_leftovers():
-    spec = [("sx", 3, "Sigma X"), ("X", 1, ""), ("Y", 1, ""), ("Z", 1, ""), ("U", 3, ""), ("V", 3, ""),
+    layout = [("sx", 3, "Sigma X"), ("X", 1, ""), ("Y", 1, ""), ("Z", 1, ""), ("U", 3, ""), ("V", 3, ""),
             ("W", 3, ""), ("c", 5, ""), ("p", 0, ""), ("e", 4, ""), ("q", 6, "")]
-    vars_ = [variable(n, d, kind(k), [0.0]) for n, k, d in spec]
+    vars_ = [variable(n, d, kind(k), [0.0]) for n, k, d in layout]
     # 3-D kind order: coordinates, displacements, strain, ... unknown, correlation, pixel; sigma last.
     assert decode(block([aoi(1, 1, vars_)])).variables() == ["X", "Y", "Z", "U", "V", "W", "e", "q", "c", "p", "sx"]
 
 
 def test_canonical_order_2d_puts_named_variables_first():
-    spec = [("c", 5), ("gamma", 4), ("v_c", 3), ("x_c", 1), ("vel", 10), ("u_c", 3), ("y_c", 1), ("exx", 4), ("r", 12)]
-    vars_ = [variable(n, "", kind(k), [0.0]) for n, k in spec]
+    layout = [("c", 5), ("gamma", 4), ("v_c", 3), ("x_c", 1), ("vel", 10), ("u_c", 3), ("y_c", 1), ("exx", 4), ("r", 12)]
+    vars_ = [variable(n, "", kind(k), [0.0]) for n, k in layout]
     assert decode(block([aoi(1, 1, vars_)])).variables() == [
         "x_c", "y_c", "u_c", "v_c", "exx", "gamma", "vel", "r", "c"]
 
 
 def test_coordinate_lookup_also_matches_descriptions():
     # "X" found through its description keeps the dataset recognised as 3-D.
-    spec = [("c", 5, ""), ("px", 0, ""), ("xx", 1, "X"), ("Y", 1, ""), ("Z", 1, ""), ("U", 3, ""), ("V", 3, ""),
+    layout = [("c", 5, ""), ("px", 0, ""), ("xx", 1, "X"), ("Y", 1, ""), ("Z", 1, ""), ("U", 3, ""), ("V", 3, ""),
             ("W", 3, ""), ("vel", 10, ""), ("r", 12, "")]
-    vars_ = [variable(n, d, kind(k), [0.0]) for n, k, d in spec]
+    vars_ = [variable(n, d, kind(k), [0.0]) for n, k, d in layout]
     assert decode(block([aoi(1, 1, vars_)])).variables() == ["xx", "Y", "Z", "U", "V", "W", "r", "c", "px", "vel"]

@@ -7,13 +7,13 @@ import zelpy
 
 @pytest.mark.parametrize("name,extension,expected", [
     ("run/spec_0001_0.out", ".csv", "run/spec_0001_0.csv"),
-    ("run/spec.h5:out:12", ".out", "run/spec-12_0.out"),
-    ("run/spec_out.h5:out:7", "csv", "run/spec-7_0.csv"),
+    ("run/plate.h5:out:12", ".out", "run/plate-12_0.out"),
+    ("run/plate_out.h5:out:7", "csv", "run/plate-7_0.csv"),
     ("C:/data/a.h5:out:3", ".csv", "C:/data/a-3_0.csv"),
     ("C:/x.out", ".csv", "C:/x.csv"),                  # one colon: a plain path
     ("/d/_out.h5:out:5", ".png", "/d/-5_0.png"),        # the stem "_out" becomes empty
-    ("spec.h5:out:1", ".vtu", "spec-1_0.vtu"),          # no parent directory
-    ("dir//spec.h5:out:1", "txt", "dir/spec-1_0.txt"),  # trailing separators of the parent dropped
+    ("plate.h5:out:1", ".vtu", "plate-1_0.vtu"),          # no parent directory
+    ("dir//plate.h5:out:1", "txt", "dir/plate-1_0.txt"),  # trailing separators of the parent dropped
     ("noext", "csv", "noext.csv"),
     ("a/b.c/noext", ".csv", "a/b.c/noext.csv"),
     ("a/.hidden", ".csv", "a/.hidden.csv"),

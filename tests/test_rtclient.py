@@ -591,7 +591,7 @@ needs_reader = pytest.mark.skipif(not hasattr(zelpy, "ZelDataSetReader"),
 @pytest.fixture
 def data_dir(tmp_path, blocks):
     for n, block in enumerate(blocks):
-        (tmp_path / "spec-{:04d}_0.out".format(n)).write_bytes(block)
+        (tmp_path / "plate-{:04d}_0.out".format(n)).write_bytes(block)
     (tmp_path / "notes.txt").write_text("not a data file")
     return tmp_path
 
