@@ -224,6 +224,9 @@ def cmd_demo(args) -> int:
           f"{plate.young:g} at the hole edge")
     print(f"  ratio         {result.peak_e1 / result.closed_form_peak:.3f} of the "
           f"edge value (the edge itself is not measured)")
+    print(f"  e2 there      {result.e2_at_peak:.6f}, closed form {result.closed_form_e2:.6f} "
+          f"(-3 * nu * S / E = {-3 * plate.poisson * result.stress / plate.young:.6f} "
+          f"at the edge)")
     print(f"  wrote         {result.h5_path}")
     if result.png_path:
         print(f"                {result.png_path}")
