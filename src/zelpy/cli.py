@@ -98,13 +98,27 @@ def _deferred_interrupt():
         raise KeyboardInterrupt
 
 
+_bar_stream = None
+
+
 def _progress(total: int, desc: str, quiet: bool):
     """A progress bar on standard error (shown only on a terminal)."""
+    global _bar_stream
     try:
         from tqdm import tqdm
     except ImportError:
         return _NoBar()
-    return tqdm(total=total, desc=desc, unit="dataset", file=sys.stderr,
+    if _bar_stream is None:
+        # The bar keeps its own handle on the terminal: while the library's
+        # messages are being collected, descriptor 2 points elsewhere.
+        try:
+            sys.stderr.flush()
+            _bar_stream = os.fdopen(os.dup(2), "w", buffering=1,
+                                    encoding=getattr(sys.stderr, "encoding", None) or "utf-8",
+                                    errors="replace")
+        except (OSError, ValueError, AttributeError):
+            _bar_stream = sys.stderr
+    return tqdm(total=total, desc=desc, unit="dataset", file=_bar_stream,
                 disable=True if quiet else None, dynamic_ncols=True)
 
 
