@@ -204,6 +204,16 @@ def test_unknown_variable(series, tmp_path, args):
     assert not out.exists() or not os.listdir(out)
 
 
+@pytest.mark.parametrize("command", [("info",), ("strain",), ("convert", "{tmp}/o"),
+                                     ("export", "-f", "csv")])
+def test_a_corrupt_hdf5_file_is_named(tmp_path, command):
+    bad = tmp_path / "broken.h5"
+    bad.write_bytes(b"not an HDF5 file at all" * 10)
+    result = run(command[0], bad, *(a.format(tmp=tmp_path) for a in command[1:]))
+    assert result.returncode == 1
+    assert_one_line_error(result, str(bad))
+
+
 # ------------------------------------------------------------------ info
 
 def test_info_lists_datasets_aois_and_variable_ranges(series):
@@ -256,11 +266,12 @@ def test_strain_in_place_keeps_names_and_adds_variables(out_dir):
             assert np.abs(v["fxx"][valid]).max() < 1e-3
 
 
-def test_corrupt_file_is_named_and_the_others_are_processed(out_dir):
+@pytest.mark.parametrize("jobs", [1, 2])
+def test_corrupt_file_is_named_and_the_others_are_processed(out_dir, jobs):
     names = sorted(os.listdir(out_dir))
     bad = out_dir / names[1]
     bad.write_bytes(b"\x00" * 64)
-    result = run("strain", out_dir, "--tresca")
+    result = run("strain", out_dir, "--tresca", "--jobs", jobs)
     assert result.returncode == 1
     assert "Traceback" not in result.stderr
     lines = result.stderr.strip().splitlines()
