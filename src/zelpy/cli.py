@@ -16,7 +16,6 @@ import signal
 import sys
 import tempfile
 import threading
-import time
 
 EXIT_FAILED = 1
 EXIT_USAGE = 2
@@ -344,7 +343,7 @@ def _make_writer(reader, dest: str | None):
 
     if dest is None:
         # In place keeps every file under its own name, including names the
-        # writer would spell differently (spec_0001_0.out, say).
+        # writer would spell differently (plate_0001_0.out, say).
         def save(ds):
             ds.save(ds.file_name())
         return save
