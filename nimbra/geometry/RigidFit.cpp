@@ -38,52 +38,58 @@ double differenceStep(double p) {
     return h;
 }
 
-struct RigidModel {
-    Mat3 rotation;
-    Vec3 translation;
-
-    explicit RigidModel(const Params& p)
-        : rotation(rotationVectorToMatrix({p[0], p[1], p[2]})), translation{p[3], p[4], p[5]} {}
-
-    Vec3 residual(const Vec3& deformed, const Vec3& reference) const {
-        const Vec3 moved = multiply3(rotation, deformed);
-        return {moved[0] + translation[0] - reference[0], moved[1] + translation[1] - reference[1],
-                moved[2] + translation[2] - reference[2]};
-    }
-};
-
 // Sum of squared distances between the moved deformed points and the
 // reference points, with the normal matrix J^T J and the descent direction
 // -J^T r of the forward-difference Jacobian accumulated on the way.
 double evaluate(const Params& p, const std::vector<Vec3>& deformed, const std::vector<Vec3>& reference,
                 Normal& normal, Gradient& gradient) {
-    const RigidModel base(p);
-    std::array<double, kParams> steps{};
-    std::vector<RigidModel> shifted;
-    shifted.reserve(kParams);
+    const Mat3 rotation = rotationVectorToMatrix({p[0], p[1], p[2]});
+    const Vec3 translation{p[3], p[4], p[5]};
+    Params steps{};
+    Mat3 shiftedRotation[3];
+    Params inverseSteps{};
     for (int k = 0; k < kParams; ++k) {
-        Params q = p;
         steps[k] = differenceStep(p[k]);
-        q[k] += steps[k];
-        shifted.emplace_back(q);
+        inverseSteps[k] = 1.0 / steps[k];
     }
-    normal.fill(0.0);
-    gradient.fill(0.0);
+    for (int k = 0; k < 3; ++k) {
+        Vec3 r{p[0], p[1], p[2]};
+        r[static_cast<std::size_t>(k)] += steps[k];
+        shiftedRotation[k] = rotationVectorToMatrix(r);
+    }
+    // Upper triangle only while summing; J^T J is symmetric.
+    Normal sums{};
+    Gradient g{};
     double chi2 = 0.0;
     for (std::size_t i = 0; i < deformed.size(); ++i) {
-        const Vec3 r = base.residual(deformed[i], reference[i]);
+        const Vec3& q = deformed[i];
+        const Vec3& ref = reference[i];
+        const Vec3 moved = multiply3(rotation, q);
+        double r[3];
+        for (int c = 0; c < 3; ++c) r[c] = moved[c] + translation[c] - ref[c];
         chi2 += r[0] * r[0] + r[1] * r[1] + r[2] * r[2];
         double jac[3][kParams];
-        for (int k = 0; k < kParams; ++k) {
-            const Vec3 rk = shifted[static_cast<std::size_t>(k)].residual(deformed[i], reference[i]);
-            for (int c = 0; c < 3; ++c) jac[c][k] = (rk[c] - r[c]) / steps[k];
+        for (int k = 0; k < 3; ++k) {
+            const Vec3 mk = multiply3(shiftedRotation[k], q);
+            for (int c = 0; c < 3; ++c) jac[c][k] = ((mk[c] + translation[c] - ref[c]) - r[c]) * inverseSteps[k];
         }
+        // A translation step leaves the rotated point as it is; only the
+        // shifted component's difference is non-zero.
+        for (int k = 3; k < kParams; ++k)
+            for (int c = 0; c < 3; ++c) {
+                const double tk = translation[c] + (c == k - 3 ? steps[k] : 0.0);
+                jac[c][k] = ((moved[c] + tk - ref[c]) - r[c]) * inverseSteps[k];
+            }
         for (int c = 0; c < 3; ++c)
             for (int a = 0; a < kParams; ++a) {
-                gradient[a] -= jac[c][a] * r[c];
-                for (int b = 0; b < kParams; ++b) normal[a * kParams + b] += jac[c][a] * jac[c][b];
+                const double ja = jac[c][a];
+                g[a] -= ja * r[c];
+                for (int b = a; b < kParams; ++b) sums[a * kParams + b] += ja * jac[c][b];
             }
     }
+    for (int a = 0; a < kParams; ++a)
+        for (int b = 0; b < kParams; ++b) normal[a * kParams + b] = b >= a ? sums[a * kParams + b] : sums[b * kParams + a];
+    gradient = g;
     return chi2;
 }
 

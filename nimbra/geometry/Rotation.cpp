@@ -10,6 +10,9 @@ constexpr double kPi = 3.141592653589793;
 // pi^2 / 2: the squared half-turn angle spread over the (m_ii + 1) / 2 terms.
 constexpr double kHalfTurnScale = 4.934802200544679;
 constexpr double kTiny = 1e-12;
+// Below this, m00 + 1 = 2 x^2 of a half turn's axis is too small for the
+// products x y and x z to carry a reliable sign.
+constexpr double kHalfTurnNoX = 1e-10;
 
 double toRadians(double value, Rotation::AngleType type) {
     return type == Rotation::Deg ? value * kPi / 180.0 : value;
@@ -37,8 +40,11 @@ Vec3 matrixToAngles(const Mat3& m) {
     const double s = std::sqrt(m[0] * m[0] + m[3] * m[3]);
     const double beta = std::atan2(-m[6], s);
     if (std::fabs(s) <= kTiny) {
-        // Gimbal lock: only alpha - gamma (or alpha + gamma) is defined, so
-        // all of it goes into alpha.
+        // Gimbal lock: only alpha - gamma (beta = +90 degrees) or alpha + gamma
+        // (beta = -90 degrees) is defined, so all of it goes into alpha. At
+        // -90 degrees m01 and m02 are -sin and -cos of that sum, hence the
+        // sign flip; without it the angles would name a different rotation.
+        if (m[6] > 0.0) return {std::atan2(-m[1], -m[2]), beta, 0.0};
         return {std::atan2(m[1], m[2]), beta, 0.0};
     }
     return {std::atan2(m[7], m[8]), beta, std::atan2(m[3], m[0])};
@@ -54,11 +60,21 @@ Vec3 matrixToRotationVector(const Mat3& m) {
     if (std::fabs(c + 2.0) <= kTiny) {
         // Half turn: the antisymmetric part vanishes and the axis comes from
         // the diagonal, its signs from the off-diagonal terms.
-        const double rx = -std::sqrt(std::max(0.0, (m[0] + 1.0) * kHalfTurnScale));
+        double rx = -std::sqrt(std::max(0.0, (m[0] + 1.0) * kHalfTurnScale));
         double ry = std::sqrt(std::max(0.0, (m[4] + 1.0) * kHalfTurnScale));
-        if (m[1] > 0.0) ry = -ry;
         double rz = std::sqrt(std::max(0.0, (m[8] + 1.0) * kHalfTurnScale));
-        if (m[2] > 0.0) rz = -rz;
+        if (m[0] + 1.0 > kHalfTurnNoX) {
+            // x is the reference (made negative); m01 = 2xy and m02 = 2xz
+            // give the signs of y and z relative to it.
+            if (m[1] > 0.0) ry = -ry;
+            if (m[2] > 0.0) rz = -rz;
+        } else {
+            // Axis (nearly) in the y-z plane: m01 and m02 are rounding noise,
+            // so y becomes the reference (kept positive) and m12 = 2yz
+            // relates z to it, m01 the tiny x.
+            if (m[5] < 0.0) rz = -rz;
+            if (m[1] > 0.0) rx = -rx;
+        }
         return {rx, ry, rz};
     }
     return {0.0, 0.0, 0.0};

@@ -8,7 +8,13 @@ cdef inline nimbra.RotationAngleType _angle_unit(object angle_type) except *:
     # The enum's value goes to the library as is: 1 means degrees, any other
     # value radians; a value outside the library enum's range is refused by
     # the conversion with OverflowError.
-    cdef nimbra.RotationAngleType unit = angle_type.value
+    cdef nimbra.RotationAngleType unit
+    try:
+        unit = angle_type.value
+    except OverflowError:
+        # Beyond a C long the generic conversion message would name the
+        # wrong type; report it like any other value outside the enum.
+        raise OverflowError("value too large to convert to enum nimbra::Rotation::AngleType") from None
     return unit
 
 
@@ -406,6 +412,9 @@ cdef void _transform_dataset(ZelDataSet dataset, RigidTransformation transformat
     _check_dataset(dataset)
     if transformation.thisptr == NULL:
         raise ValueError("C++ object pointer for RigidTransformation has not been initialized properly.")
-    # Always the 3-D variable set; the planar set is for library callers.
+    # A private copy: reading the rotation fills its lazily converted
+    # representations, which must not happen on a shared object without the
+    # GIL. Always the 3-D variable set; the planar one is for library callers.
+    cdef nimbra.RigidTransform transform = transformation.thisptr[0]
     with nogil:
-        nimbra.transformDataSet(dataset.thisptr[0], transformation.thisptr[0], displacement_only, 1)
+        nimbra.transformDataSet(dataset.thisptr[0], transform, displacement_only, 1)
