@@ -112,10 +112,11 @@ def test_smooth_equals_direct_fit(noisy, window, weighted):
     assert np.all(result[~defined] == 0.0)
 
 
-def test_smooth_even_window_uses_next_odd(noisy):
+@pytest.mark.parametrize("even", [2, 4, 6])
+def test_smooth_even_window_uses_next_odd(noisy, even):
     values, valid, _ = noisy
     results = []
-    for window in (6, 7):
+    for window in (even, even + 1):
         ds = grid_dataset(ROWS, COLUMNS, np.zeros((ROWS, COLUMNS)), np.zeros((ROWS, COLUMNS)), valid=valid)
         ds.add_variable("f", "field", zelpy.ZelDataVariableType.Unknown)
         ds[0].variable_view("f")[...] = np.where(valid, values[1], 0.0)
@@ -190,3 +191,22 @@ def test_smooth_shares_memory_with_views():
     view = ds[0].variable_view("p")
     ds.smooth("p", 1)
     assert np.all(view == 0.0)
+
+
+@pytest.mark.parametrize("window", [5, 15])
+def test_channels_wide_grid_equal_direct_fit(window):
+    # Wider than the column strips the filter walks in, with invalid points
+    # on the strip seams; same tolerance as the narrow grid.
+    rng = np.random.default_rng(9)
+    rows, columns = 12, 300
+    valid = rng.uniform(size=(rows, columns)) > 0.1
+    valid[:, 126:131] = False
+    valid[:, 255] = False
+    values = rng.normal(size=(1, rows, columns)).astype(np.float32)
+    confidence = np.where(valid, 0.0, -1.0).astype(np.float32)
+    out = core._smooth_channels(values, confidence, window, True, 0, np.full_like(values, 1234.5))
+    expected, defined = reference_smooth(values[0].astype(np.float64), valid, window, True)
+    np.testing.assert_allclose(out[0][defined], expected[defined], rtol=0, atol=1e-6)
+    assert np.all(out[0][~defined] == 1234.5)
+    assert np.array_equal(out, core._smooth_channels(values, confidence, window, True, 3,
+                                                     np.full_like(values, 1234.5)))
