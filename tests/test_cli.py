@@ -128,10 +128,13 @@ def test_demo_peak_e1_matches_the_stress_concentration(demo):
 
 
 def test_demo_far_field_strain_is_exact(demo):
-    """Away from the hole the field is smooth and the fit is exact up to
-    noise: e1 within 3e-5 (1 % of the peak) of the closed form at every point
-    more than 5 mm from the hole edge and the plate border, which rules out
-    any strain from the rigid tilt and grip motion built into the series."""
+    """Away from the hole the field is smooth, so the strain is the closed
+    form plus noise. At every point more than 5 mm from the hole edge and
+    the plate border: the mean error of e1 below 5e-6 and its RMS below 3e-5
+    (2 % of the remote strain 1.43e-3; the 0.005 pixel displacement noise
+    alone gives about 2e-5 at this pitch and window). Projecting the tilted
+    plate instead of flattening each triangle, or any strain from the rigid
+    grip motion, would be off by more than 1e-4."""
     v, valid = _peak(demo[0])
     series = DemoSeries(size=DEMO_SIZE, steps=DEMO_STEPS)
     p, q = series.to_plate(v["X"], v["Y"], v["Z"])
@@ -139,7 +142,9 @@ def test_demo_far_field_strain_is_exact(demo):
             (np.maximum(abs(p), abs(q)) < series.half_width - 5) & valid
     assert inner.sum() > 0.5 * inner.size
     expected = series.plate.principal_strain(p[inner], q[inner], series.stresses()[-1])[0]
-    assert np.max(np.abs(v["e1"][inner] - expected)) < 3e-5
+    error = v["e1"][inner] - expected
+    assert abs(error.mean()) < 5e-6
+    assert np.sqrt(np.mean(error ** 2)) < 3e-5
 
 
 # ------------------------------------------------------------------ help and usage
@@ -199,6 +204,16 @@ def test_unknown_variable(series, tmp_path, args):
     assert not out.exists() or not os.listdir(out)
 
 
+@pytest.mark.parametrize("command", [("info",), ("strain",), ("convert", "{tmp}/o"),
+                                     ("export", "-f", "csv")])
+def test_a_corrupt_hdf5_file_is_named(tmp_path, command):
+    bad = tmp_path / "broken.h5"
+    bad.write_bytes(b"not an HDF5 file at all" * 10)
+    result = run(command[0], bad, *(a.format(tmp=tmp_path) for a in command[1:]))
+    assert result.returncode == 1
+    assert_one_line_error(result, str(bad))
+
+
 # ------------------------------------------------------------------ info
 
 def test_info_lists_datasets_aois_and_variable_ranges(series):
@@ -251,11 +266,12 @@ def test_strain_in_place_keeps_names_and_adds_variables(out_dir):
             assert np.abs(v["fxx"][valid]).max() < 1e-3
 
 
-def test_corrupt_file_is_named_and_the_others_are_processed(out_dir):
+@pytest.mark.parametrize("jobs", [1, 2])
+def test_corrupt_file_is_named_and_the_others_are_processed(out_dir, jobs):
     names = sorted(os.listdir(out_dir))
     bad = out_dir / names[1]
     bad.write_bytes(b"\x00" * 64)
-    result = run("strain", out_dir, "--tresca")
+    result = run("strain", out_dir, "--tresca", "--jobs", jobs)
     assert result.returncode == 1
     assert "Traceback" not in result.stderr
     lines = result.stderr.strip().splitlines()
@@ -358,14 +374,14 @@ def _vtu_array(element):
 def test_export_vtu_is_a_triangle_mesh_of_the_valid_points(series, tmp_path):
     result = run("export", series, "-f", "vtu", "-v", "e1", "W", "-o", tmp_path / "vtu")
     assert result.returncode == 0, result.stderr
-    files = names_of(tmp_path / "vtu")
-    assert files == ["plate_hole.pvd"] + [f"plate_hole-{k:04d}_0.vtu" for k in range(DEMO_STEPS)]
+    vtus = [f"plate_hole-{k:04d}_0.vtu" for k in range(DEMO_STEPS)]
+    assert names_of(tmp_path / "vtu") == vtus + ["plate_hole.pvd"]
     ds = zelpy.ZelDataSetReader(str(series))[-1]
     v = ds.get_values(["e1", "sigma", "X", "Y", "Z"])
     valid = v["sigma"] >= 0
     tri = ds.triangulation()
 
-    piece = ET.parse(tmp_path / "vtu" / files[-1]).getroot().find("UnstructuredGrid/Piece")
+    piece = ET.parse(tmp_path / "vtu" / vtus[-1]).getroot().find("UnstructuredGrid/Piece")
     assert int(piece.get("NumberOfPoints")) == valid.sum()
     assert int(piece.get("NumberOfCells")) == len(tri) > 0
     arrays = {a.get("Name"): _vtu_array(a) for a in piece.iter("DataArray")}
@@ -380,7 +396,7 @@ def test_export_vtu_is_a_triangle_mesh_of_the_valid_points(series, tmp_path):
     assert set(arrays["types"]) == {5}
 
     pvd = ET.parse(tmp_path / "vtu" / "plate_hole.pvd").getroot()
-    assert [d.get("file") for d in pvd.iter("DataSet")] == files[1:]
+    assert [d.get("file") for d in pvd.iter("DataSet")] == vtus
 
 
 def test_vtu_opens_in_vtk(series, tmp_path):

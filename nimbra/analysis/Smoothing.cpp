@@ -24,6 +24,16 @@ constexpr double kSingularRatio = 1e-9;
 // Columns are processed in blocks of this many so that the inner loops have
 // a fixed trip count the compiler turns into vector code at -O2.
 constexpr int kBlock = 4;
+constexpr int kStrip = 128;
+
+// The hot loops are also built for AVX2 and picked at run time; without
+// -ffp-contract they do the same operations in the same order per column, so
+// both builds give bit-identical results.
+#if defined(__GNUC__) && defined(__x86_64__) && !defined(__clang__)
+#define NIMBRA_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
+#else
+#define NIMBRA_VECTOR_CLONES
+#endif
 
 int roundUp(int n, int to) { return (n + to - 1) / to * to; }
 
@@ -50,7 +60,9 @@ std::vector<double> kernelFactors(int window, bool weighted, bool singlePrecisio
 // the validity mask m, k = 0, 1 for each channel value m v); the column pass
 // combines 2h + 1 such rows. Row results live in a ring of 2h + 1 slots, so
 // each grid row's row pass runs once per band. Zero padding outside the grid
-// clips the window exactly as the direct sums do.
+// clips the window exactly as the direct sums do. The grid is walked in
+// strips of kStrip columns so that the ring (2h + 1 rows of 3 + 2 * channels
+// sums) stays in the core's own cache while the column pass re-reads it.
 class PlaneFit {
 public:
     PlaneFit(const float* confidence, int width, int height, int halfWidth,
@@ -61,13 +73,14 @@ public:
           h_(halfWidth),
           channels_(static_cast<int>(input.size())),
           input_(input),
-          paddedWidth_(roundUp(width, kBlock)),
+          paddedWidth_(roundUp(std::min(width, kStrip), kBlock)),
           slots_(2 * halfWidth + 1),
           arrays_(3 + 2 * channels_),
           ring_(static_cast<size_t>(slots_) * arrays_ * paddedWidth_),
           ringRow_(static_cast<size_t>(slots_), -1),
           padded_(static_cast<size_t>(paddedWidth_ + 2 * halfWidth), 0.0),
-          paddedMask_(static_cast<size_t>(paddedWidth_ + 2 * halfWidth), 0.0) {
+          paddedMask_(static_cast<size_t>(paddedWidth_ + 2 * halfWidth), 0.0),
+          rowPointers_(static_cast<size_t>(slots_), nullptr) {
         for (int k = 0; k < 3; ++k) moment_[k].resize(static_cast<size_t>(slots_));
         for (int t = 0; t < slots_; ++t) {
             const double offset = t - h_;
@@ -79,13 +92,16 @@ public:
 
     // Fits the valid points of grid rows [first, last) into `output`.
     void fitRows(int first, int last, const std::vector<float*>& output, uint32_t* progress) {
-        std::fill(ringRow_.begin(), ringRow_.end(), -1);
-        for (int r = first; r < last; ++r) {
-            const int top = std::max(0, r - h_);
-            const int bottom = std::min(height_ - 1, r + h_);
-            for (int row = top; row <= bottom; ++row) ensureRow(row);
-            fitRow(r, top, bottom, output);
-            if (progress != nullptr) *progress += static_cast<uint32_t>(width_);
+        for (stripStart_ = 0; stripStart_ < width_; stripStart_ += kStrip) {
+            stripWidth_ = std::min(kStrip, width_ - stripStart_);
+            std::fill(ringRow_.begin(), ringRow_.end(), -1);
+            for (int r = first; r < last; ++r) {
+                const int top = std::max(0, r - h_);
+                const int bottom = std::min(height_ - 1, r + h_);
+                for (int row = top; row <= bottom; ++row) ensureRow(row);
+                fitRow(r, top, bottom, output);
+                if (progress != nullptr) *progress += static_cast<uint32_t>(stripWidth_);
+            }
         }
     }
 
@@ -98,21 +114,28 @@ private:
         if (ringRow_[static_cast<size_t>(row % slots_)] == row) return;
         ringRow_[static_cast<size_t>(row % slots_)] = row;
         double* out = slot(row);
+        // Padded entry j stands for grid column stripStart_ - h + j; the
+        // columns outside the grid (and beyond the strip's reach) stay 0.
+        const int from = std::max(0, h_ - stripStart_);
+        const int to = std::min(stripWidth_ + 2 * h_, width_ - stripStart_ + h_);
+        const int shift = stripStart_ - h_;
         const float* conf = confidence_ + static_cast<size_t>(row) * width_;
-        double* mask = paddedMask_.data() + h_;
-        for (int c = 0; c < width_; ++c) mask[c] = conf[c] >= 0.0f ? 1.0 : 0.0;
+        double* mask = paddedMask_.data();
+        std::fill(paddedMask_.begin(), paddedMask_.end(), 0.0);
+        for (int j = from; j < to; ++j) mask[j] = conf[j + shift] >= 0.0f ? 1.0 : 0.0;
         rowPass(paddedMask_.data(), out, 3);
         for (int ch = 0; ch < channels_; ++ch) {
             const float* values = input_[static_cast<size_t>(ch)] + static_cast<size_t>(row) * width_;
-            double* v = padded_.data() + h_;
+            double* v = padded_.data();
+            std::fill(padded_.begin(), padded_.end(), 0.0);
             // A select, not a product: invalid points may hold NaN or inf.
-            for (int c = 0; c < width_; ++c) v[c] = conf[c] >= 0.0f ? values[c] : 0.0;
+            for (int j = from; j < to; ++j) v[j] = conf[j + shift] >= 0.0f ? values[j + shift] : 0.0;
             rowPass(padded_.data(), out + static_cast<size_t>(3 + 2 * ch) * paddedWidth_, 2);
         }
     }
 
     // out[k][c] = sum_t moment_k[t] * in[c + t] for k < moments.
-    void rowPass(const double* __restrict in, double* __restrict out, int moments) const {
+    NIMBRA_VECTOR_CLONES void rowPass(const double* __restrict in, double* __restrict out, int moments) const {
         const double* m0 = moment_[0].data();
         const double* m1 = moment_[1].data();
         const double* m2 = moment_[2].data();
@@ -147,11 +170,17 @@ private:
         }
     }
 
-    void fitRow(int r, int top, int bottom, const std::vector<float*>& output) {
-        const float* conf = confidence_ + static_cast<size_t>(r) * width_;
+    NIMBRA_VECTOR_CLONES void fitRow(int r, int top, int bottom, const std::vector<float*>& output) {
+        const float* conf = confidence_ + static_cast<size_t>(r) * width_ + stripStart_;
         const size_t stride = static_cast<size_t>(paddedWidth_);
-        for (int c = 0; c < width_; c += kBlock) {
-            const int n = std::min(kBlock, width_ - c);
+        const int taps = bottom - top + 1;
+        const double** rows = rowPointers_.data();
+        const double* f0s = moment_[0].data() + (top - r + h_);
+        const double* f1s = moment_[1].data() + (top - r + h_);
+        const double* f2s = moment_[2].data() + (top - r + h_);
+        for (int i = 0; i < taps; ++i) rows[i] = slot(top + i);
+        for (int c = 0; c < stripWidth_; c += kBlock) {
+            const int n = std::min(kBlock, stripWidth_ - c);
             bool any = false;
             for (int q = 0; q < n; ++q) any = any || conf[c + q] >= 0.0f;
             if (!any) continue;
@@ -159,10 +188,9 @@ private:
             // Mask sums: s[k][l] = sum w x^k y^l m (x column, y row offset).
             double s00[kBlock] = {}, s01[kBlock] = {}, s02[kBlock] = {};
             double s10[kBlock] = {}, s11[kBlock] = {}, s20[kBlock] = {};
-            for (int row = top; row <= bottom; ++row) {
-                const size_t t = static_cast<size_t>(row - r + h_);
-                const double f0 = moment_[0][t], f1 = moment_[1][t], f2 = moment_[2][t];
-                const double* base = slot(row) + c;
+            for (int i = 0; i < taps; ++i) {
+                const double f0 = f0s[i], f1 = f1s[i], f2 = f2s[i];
+                const double* base = rows[i] + c;
                 const double* h0 = base;
                 const double* h1 = base + stride;
                 const double* h2 = base + 2 * stride;
@@ -194,10 +222,9 @@ private:
             for (int ch = 0; ch < channels_; ++ch) {
                 double t00[kBlock] = {}, t01[kBlock] = {}, t10[kBlock] = {};
                 const size_t offset = static_cast<size_t>(3 + 2 * ch) * stride;
-                for (int row = top; row <= bottom; ++row) {
-                    const size_t t = static_cast<size_t>(row - r + h_);
-                    const double f0 = moment_[0][t], f1 = moment_[1][t];
-                    const double* v0 = slot(row) + offset + c;
+                for (int i = 0; i < taps; ++i) {
+                    const double f0 = f0s[i], f1 = f1s[i];
+                    const double* v0 = rows[i] + offset + c;
                     const double* v1 = v0 + stride;
                     for (int q = 0; q < kBlock; ++q) {
                         t00[q] += f0 * v0[q];
@@ -205,7 +232,7 @@ private:
                         t10[q] += f0 * v1[q];
                     }
                 }
-                float* out = output[static_cast<size_t>(ch)] + static_cast<size_t>(r) * width_;
+                float* out = output[static_cast<size_t>(ch)] + static_cast<size_t>(r) * width_ + stripStart_;
                 for (int q = 0; q < n; ++q) {
                     if (conf[c + q] >= 0.0f && !std::isnan(w0[q]))
                         out[c + q] = static_cast<float>(w0[q] * t00[q] + w1[q] * t10[q] +
@@ -221,7 +248,9 @@ private:
     int h_;
     int channels_;
     std::vector<const float*> input_;
-    int paddedWidth_;
+    int paddedWidth_;  // strip width rounded up to whole blocks
+    int stripStart_ = 0;
+    int stripWidth_ = 0;
     int slots_;
     int arrays_;
     std::vector<double> moment_[3];  // e(t - h) * (t - h)^k
@@ -229,6 +258,7 @@ private:
     std::vector<int> ringRow_;
     std::vector<double> padded_;
     std::vector<double> paddedMask_;
+    std::vector<const double*> rowPointers_;  // ring rows of the current window
 };
 
 // Bands of rows dealt round-robin to the workers: two bands per worker keep

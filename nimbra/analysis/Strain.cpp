@@ -89,55 +89,31 @@ void cross(const double* a, const double* b, double* out) {
     out[2] = a[0] * b[1] - a[1] * b[0];
 }
 
-// Local in-plane coordinates of the triangle (a, b, c) in the frame of its
-// own normal: x axis = global y x n, y axis = x axis x n. A degenerate
-// triangle gives NaN here and fails the singularity test of the fit.
-void localCoordinates(const double* a, const double* b, const double* c, double (&x)[3],
-                      double (&y)[3]) {
+// In-plane coordinates of a - c and b - c in the frame of the triangle's own
+// normal n = (a - c) x (b - c): x axis = global y x n, y axis = x axis x n.
+// Neither axis depends on the length of n, so n is not normalised: the frame
+// costs two square roots. Working relative to c keeps the precision of data
+// far from the origin. A degenerate triangle gives NaN here and fails the
+// singularity test of the fit.
+void localEdges(const double* a, const double* b, const double* c, double (&x)[2],
+                double (&y)[2]) {
     const double ac[3] = {a[0] - c[0], a[1] - c[1], a[2] - c[2]};
     const double bc[3] = {b[0] - c[0], b[1] - c[1], b[2] - c[2]};
     double n[3];
     cross(ac, bc, n);
-    const double len = std::sqrt(n[0] * n[0] + n[1] * n[1] + n[2] * n[2]);
-    for (double& v : n) v /= len;
-    const double lx = std::sqrt(n[0] * n[0] + n[2] * n[2]);
-    const double ex[3] = {n[2] / lx, 0.0, -n[0] / lx};
+    const double xz = n[0] * n[0] + n[2] * n[2];
+    const double rootXz = std::sqrt(xz), length = std::sqrt(xz + n[1] * n[1]);
+    const double invBoth = 1.0 / (rootXz * length);  // one division for both
+    const double invXz = length * invBoth;
+    const double invLength = rootXz * invBoth;
+    const double ex[3] = {n[2] * invXz, 0.0, -n[0] * invXz};
     double ey[3];
-    cross(ex, n, ey);
-    const double ly = std::sqrt(ey[0] * ey[0] + ey[1] * ey[1] + ey[2] * ey[2]);
-    for (double& v : ey) v /= ly;
-    const double* p[3] = {a, b, c};
-    for (int i = 0; i < 3; ++i) {
-        x[i] = ex[0] * p[i][0] + ex[1] * p[i][1] + ex[2] * p[i][2];
-        y[i] = ey[0] * p[i][0] + ey[1] * p[i][1] + ey[2] * p[i][2];
-    }
-    const double cx = (x[0] + x[1] + x[2]) * 0.3333333333333333;
-    const double cy = (y[0] + y[1] + y[2]) * 0.3333333333333333;
-    for (int i = 0; i < 3; ++i) {
-        x[i] -= cx;
-        y[i] -= cy;
-    }
-}
-
-// Inverse of a symmetric 3x3 matrix; false when it is singular by the
-// relative determinant test (NaN entries count as singular).
-bool invertSymmetric3(const double (&m)[3][3], double (&inv)[3][3]) {
-    const double c00 = m[1][1] * m[2][2] - m[1][2] * m[1][2];
-    const double c01 = m[1][2] * m[0][2] - m[0][1] * m[2][2];
-    const double c02 = m[0][1] * m[1][2] - m[1][1] * m[0][2];
-    const double det = m[0][0] * c00 + m[0][1] * c01 + m[0][2] * c02;
-    if (!(det > kSingularRatio * m[0][0] * m[1][1] * m[2][2])) return false;
-    const double c11 = m[0][0] * m[2][2] - m[0][2] * m[0][2];
-    const double c12 = m[0][1] * m[0][2] - m[0][0] * m[1][2];
-    const double c22 = m[0][0] * m[1][1] - m[0][1] * m[0][1];
-    const double k = 1.0 / det;
-    inv[0][0] = c00 * k;
-    inv[0][1] = inv[1][0] = c01 * k;
-    inv[0][2] = inv[2][0] = c02 * k;
-    inv[1][1] = c11 * k;
-    inv[1][2] = inv[2][1] = c12 * k;
-    inv[2][2] = c22 * k;
-    return true;
+    cross(ex, n, ey);  // |ex x n| = |n| since ex is a unit vector normal to n
+    for (double& v : ey) v *= invLength;
+    x[0] = ex[0] * ac[0] + ex[2] * ac[2];
+    y[0] = ey[0] * ac[0] + ey[1] * ac[1] + ey[2] * ac[2];
+    x[1] = ex[0] * bc[0] + ex[2] * bc[2];
+    y[1] = ey[0] * bc[0] + ey[1] * bc[1] + ey[2] * bc[2];
 }
 
 // The grid channels the per-point kernel reads.
@@ -192,19 +168,22 @@ int pointStrain(const Grid& g, int r, int c, double (&mean)[7], unsigned& failed
     double refC[3], defC[3];
     g.reference(p, refC);
     g.deformed(p, defC);
+    // Each neighbour serves two triangles: load its positions once.
+    double ref[4][3], def[4][3];
+    for (int k = 0; k < 4; ++k) {
+        if (!present[k]) continue;
+        g.reference(neighbour[k], ref[k]);
+        g.deformed(neighbour[k], def[k]);
+    }
     double sums[7] = {};
     int count = 0;
     failed = 0;
     for (int t = 0; t < 4; ++t) {
         const Neighbour first = kTriangles[t][0], second = kTriangles[t][1];
         if (!present[first] || !present[second]) continue;
-        double refA[3], refB[3], defA[3], defB[3];
-        g.reference(neighbour[first], refA);
-        g.reference(neighbour[second], refB);
-        g.deformed(neighbour[first], defA);
-        g.deformed(neighbour[second], defB);
         double h[4];
-        const bool ok = analyze_triang(h, refA, refB, refC, defA, defB, defC);
+        const bool ok =
+            analyze_triang(h, ref[first], ref[second], refC, def[first], def[second], defC);
         if (!ok) {
             failed |= 1u << t;
             if (!quiet) {
@@ -325,34 +304,32 @@ bool tensor_biot(double& exx, double& eyy, double& exy, const double* h) {
 
 bool analyze_triang(double* gradient, const double* refA, const double* refB, const double* refC,
                     const double* defA, const double* defB, const double* defC) {
-    double x[3], y[3], xd[3], yd[3];
-    localCoordinates(refA, refB, refC, x, y);
-    localCoordinates(defA, defB, defC, xd, yd);
-    double m[3][3] = {}, rhs[3][2] = {};
-    for (int i = 0; i < 3; ++i) {
-        const double row[3] = {1.0, x[i], y[i]};
-        for (int a = 0; a < 3; ++a) {
-            for (int b = 0; b < 3; ++b) m[a][b] += row[a] * row[b];
-            rhs[a][0] += row[a] * xd[i];
-            rhs[a][1] += row[a] * yd[i];
-        }
-    }
-    double inv[3][3];
-    if (!invertSymmetric3(m, inv)) {
+    double x[2], y[2], xd[2], yd[2];
+    localEdges(refA, refB, refC, x, y);
+    localEdges(defA, defB, defC, xd, yd);
+
+    // The least-squares affine map through three points is their exact
+    // interpolation, so the gradient is E' E^-1 with the edge matrices
+    // E = [a - c, b - c] in the local frames. The singularity test is that of
+    // the normal matrix M = sum [1, x, y]^T [1, x, y] over the centred
+    // points: det M = det(E)^2 and its diagonal is (3, Sxx, Syy).
+    const double det = x[0] * y[1] - x[1] * y[0];
+    const double mx = (x[0] + x[1]) * 0.3333333333333333;
+    const double my = (y[0] + y[1]) * 0.3333333333333333;
+    const double sxx = (x[0] - mx) * (x[0] - mx) + (x[1] - mx) * (x[1] - mx) + mx * mx;
+    const double syy = (y[0] - my) * (y[0] - my) + (y[1] - my) * (y[1] - my) + my * my;
+    if (!(det * det > kSingularRatio * 3.0 * sxx * syy)) {
         if (!quiet) {
             NIMBRA_LOG(warning) << "Could not invert matrix!!! " << refC[0] - refB[0] << ' '
                                 << refC[1] - refB[1] << ' ' << refC[2] - refB[2];
         }
         return false;
     }
-    double k[3][2];
-    for (int a = 0; a < 3; ++a)
-        for (int j = 0; j < 2; ++j)
-            k[a][j] = inv[a][0] * rhs[0][j] + inv[a][1] * rhs[1][j] + inv[a][2] * rhs[2][j];
-    gradient[0] = k[1][0] - 1.0;
-    gradient[1] = k[2][0];
-    gradient[2] = k[1][1];
-    gradient[3] = k[2][1] - 1.0;
+    const double inv = 1.0 / det;
+    gradient[0] = (xd[0] * y[1] - xd[1] * y[0]) * inv - 1.0;  // dx'/dx - 1
+    gradient[1] = (xd[1] * x[0] - xd[0] * x[1]) * inv;        // dx'/dy
+    gradient[2] = (yd[0] * y[1] - yd[1] * y[0]) * inv;        // dy'/dx
+    gradient[3] = (yd[1] * x[0] - yd[0] * x[1]) * inv - 1.0;  // dy'/dy - 1
     return true;
 }
 
@@ -484,6 +461,17 @@ int32_t outputVariable(ZelData& data, const std::string& name, const std::string
     return data.addVariable(Strain, name, created);
 }
 
+// Runs fn(p) for every point, the points split in contiguous ranges over the
+// workers (each point is independent).
+template <class Fn>
+void forEachPoint(size_t size, Fn&& fn) {
+    const int count = static_cast<int>(std::min<size_t>(resolveWorkerCount(0), size / 65536 + 1));
+    runWorkers(count, [&](int k, int n) {
+        const size_t begin = size * k / n, end = size * (k + 1) / n;
+        for (size_t p = begin; p < end; ++p) fn(p);
+    });
+}
+
 }  // namespace
 
 bool computeStrain(ZelData& data, int window, bool principal, bool reuse, bool weighted,
@@ -566,10 +554,10 @@ bool computeStrain(ZelData& data, int window, bool principal, bool reuse, bool w
         float* e1 = data.variableValues(i1);
         float* e2 = data.variableValues(i2);
         float* gamma = data.variableValues(ig);
-        for (size_t p = 0; p < size; ++p) {
+        forEachPoint(size, [&](size_t p) {
             if (!(confidence[p] >= 0.0f)) {
                 e1[p] = e2[p] = gamma[p] = 0.0f;
-                continue;
+                return;
             }
             const double m = 0.5 * (static_cast<double>(exx[p]) + eyy[p]);
             const double d = 0.5 * (static_cast<double>(exx[p]) - eyy[p]);
@@ -578,16 +566,16 @@ bool computeStrain(ZelData& data, int window, bool principal, bool reuse, bool w
             e1[p] = static_cast<float>(m + r);
             e2[p] = static_cast<float>(m - r);
             gamma[p] = static_cast<float>(0.5 * std::atan2(s, d));
-        }
+        });
     }
     if (tresca) {
         const int32_t it = outputVariable(data, "e_tresca", "Tresca Strain [1] - %0",
                                           "Tresca Strain [1] - " + label, reuse);
         float* out = data.variableValues(it);
-        for (size_t p = 0; p < size; ++p) {
+        forEachPoint(size, [&](size_t p) {
             if (!(confidence[p] >= 0.0f)) {
                 out[p] = 0.0f;
-                continue;
+                return;
             }
             // The full shear for every kind, the engineering one included.
             const double m = 0.5 * (static_cast<double>(exx[p]) + eyy[p]);
@@ -600,16 +588,16 @@ bool computeStrain(ZelData& data, int window, bool principal, bool reuse, bool w
             else
                 value = -e2 / 2.0;
             out[p] = static_cast<float>(value);
-        }
+        });
     }
     if (vonMises) {
         const std::string description = "Von Mises Strain [1] - " + label;
         const int32_t iv = outputVariable(data, "e_vonmises", description, description, reuse);
         float* out = data.variableValues(iv);
-        for (size_t p = 0; p < size; ++p) {
+        forEachPoint(size, [&](size_t p) {
             if (!(confidence[p] >= 0.0f)) {
                 out[p] = 0.0f;
-                continue;
+                return;
             }
             const double m = 0.5 * (static_cast<double>(exx[p]) + eyy[p]);
             const double d = 0.5 * (static_cast<double>(exx[p]) - eyy[p]);
@@ -617,7 +605,7 @@ bool computeStrain(ZelData& data, int window, bool principal, bool reuse, bool w
             const double r = std::sqrt(d * d + s * s);
             const double e1 = m + r, e2 = m - r;
             out[p] = static_cast<float>(2.0 / 3.0 * std::sqrt(e1 * e1 - e1 * e2 + e2 * e2));
-        }
+        });
     }
     return true;
 }

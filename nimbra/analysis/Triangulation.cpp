@@ -1,5 +1,8 @@
 #include "nimbra/analysis/Triangulation.h"
 
+#include <algorithm>
+
+#include "nimbra/analysis/Workers.h"
 #include "nimbra/data/ZelData.h"
 #include "nimbra/data/ZelDataSet.h"
 
@@ -21,11 +24,11 @@ const float* meshConfidence(const ZelData& data, int subSample) {
 // The vertex orders per corner pattern are fixed: consumers rely on their
 // winding.
 template <class Put>
-void meshCells(const ZelData& data, const float* conf, int s, Put&& put) {
+void meshCells(const ZelData& data, const float* conf, int s, int64_t firstRow, int64_t lastRow,
+               Put&& put) {
     const int64_t width = data.numColumns();
-    const int64_t coarseRows = data.numRows() / s;
     const int64_t coarseColumns = width / s;
-    for (int64_t a = 0; a + 1 < coarseRows; ++a) {
+    for (int64_t a = firstRow; a < lastRow; ++a) {
         const int64_t top = a * s * width;
         const int64_t bottom = top + s * width;
         // Validity of the left corners carried over from the previous cell.
@@ -78,7 +81,8 @@ int64_t triangulate(const ZelData& data, int subSample, std::vector<uint32_t>& o
     if (conf == nullptr) return 0;
     const size_t before = out.size();
     out.reserve(before + 3 * static_cast<size_t>(maxTriangles(data, subSample)));
-    meshCells(data, conf, subSample, [&](int64_t a, int64_t b, int64_t c) {
+    meshCells(data, conf, subSample, 0, data.numRows() / subSample - 1,
+              [&](int64_t a, int64_t b, int64_t c) {
         out.push_back(static_cast<uint32_t>(a + offset));
         out.push_back(static_cast<uint32_t>(b + offset));
         out.push_back(static_cast<uint32_t>(c + offset));
@@ -97,22 +101,50 @@ std::vector<uint32_t> triangulate(const ZelDataSet& dataSet, int subSample) {
     return out;
 }
 
-int64_t triangulateInto(const ZelDataSet& dataSet, int subSample, int64_t* out) {
-    int64_t* cursor = out;
+GridTriangulation::GridTriangulation(const ZelDataSet& dataSet, int subSample, int workers)
+    : subSample_(subSample), workers_(resolveWorkerCount(workers)) {
+    // Bands of this many cell rows: enough of them to spread over the workers,
+    // each large enough that a band's bookkeeping does not matter.
+    constexpr int64_t kBandRows = 32;
     int64_t offset = 0;
     for (int32_t i = 0; i < dataSet.numData(); ++i) {
         const ZelData& data = *dataSet.data(i);
         if (const float* conf = meshConfidence(data, subSample)) {
-            meshCells(data, conf, subSample, [&](int64_t a, int64_t b, int64_t c) {
-                cursor[0] = a + offset;
-                cursor[1] = b + offset;
-                cursor[2] = c + offset;
-                cursor += 3;
-            });
+            const int64_t cellRows = data.numRows() / subSample - 1;
+            for (int64_t row = 0; row < cellRows; row += kBandRows)
+                bands_.push_back({&data, conf, row, std::min(cellRows, row + kBandRows), offset, 0});
         }
         offset += pointCount(data);
     }
-    return (cursor - out) / 3;
+    std::vector<int64_t> counts(bands_.size(), 0);
+    runWorkers(std::min<int>(workers_, static_cast<int>(bands_.size())), [&](int k, int n) {
+        for (size_t b = static_cast<size_t>(k); b < bands_.size(); b += static_cast<size_t>(n)) {
+            int64_t count = 0;
+            meshCells(*bands_[b].data, bands_[b].confidence, subSample_, bands_[b].firstRow,
+                      bands_[b].lastRow, [&](int64_t, int64_t, int64_t) { ++count; });
+            counts[b] = count;
+        }
+    });
+    for (size_t b = 0; b < bands_.size(); ++b) {
+        bands_[b].start = total_;
+        total_ += counts[b];
+    }
+}
+
+void GridTriangulation::write(uint32_t* out) const {
+    runWorkers(std::min<int>(workers_, static_cast<int>(bands_.size())), [&](int k, int n) {
+        for (size_t b = static_cast<size_t>(k); b < bands_.size(); b += static_cast<size_t>(n)) {
+            const Band& band = bands_[b];
+            uint32_t* cursor = out + 3 * band.start;
+            meshCells(*band.data, band.confidence, subSample_, band.firstRow, band.lastRow,
+                      [&](int64_t a, int64_t b2, int64_t c) {
+                          cursor[0] = static_cast<uint32_t>(a + band.offset);
+                          cursor[1] = static_cast<uint32_t>(b2 + band.offset);
+                          cursor[2] = static_cast<uint32_t>(c + band.offset);
+                          cursor += 3;
+                      });
+        }
+    });
 }
 
 }  // namespace nimbra

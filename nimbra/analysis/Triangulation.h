@@ -25,9 +25,29 @@ int64_t triangulate(const ZelData& data, int subSample, std::vector<uint32_t>& o
 // The triangles of every AOI, in index order, with global indices.
 std::vector<uint32_t> triangulate(const ZelDataSet& dataSet, int subSample);
 
-// The same into caller memory of 3 * maxTriangles(dataSet, subSample)
-// indices; returns the number of triangles written. Lets the Python layer
-// fill its array without an intermediate copy.
-int64_t triangulateInto(const ZelDataSet& dataSet, int subSample, int64_t* out);
+// A dataset's mesh in two passes over the workers: the constructor counts
+// the triangles of bands of cells, write() then fills caller memory of
+// 3 * size() indices, each band at its own offset. Lets the Python layer
+// allocate its array exactly once and have it filled in parallel.
+class GridTriangulation {
+public:
+    GridTriangulation(const ZelDataSet& dataSet, int subSample, int workers = 0);
+    int64_t size() const { return total_; }
+    void write(uint32_t* out) const;
+
+private:
+    struct Band {
+        const ZelData* data;
+        const float* confidence;
+        int64_t firstRow;  // coarse rows [firstRow, lastRow) of cells
+        int64_t lastRow;
+        int64_t offset;    // global index of the AOI's first point
+        int64_t start;     // first triangle of the band in the output
+    };
+    std::vector<Band> bands_;
+    int subSample_;
+    int workers_;
+    int64_t total_ = 0;
+};
 
 }  // namespace nimbra

@@ -97,6 +97,19 @@ class ZelDataSet:
     ) -> str: ...
     def add_variables(self, variables: Mapping[str, str]) -> list[str]: ...
     # ---- analysis
+    def smooth(self, variable: str, window_size: int = 15, weighted: bool = True) -> None: ...
+    def compute_strain(
+        self,
+        window_size: int = 15,
+        tensor_type: TensorType = ...,
+        compute_principal_strain: bool = True,
+        reuse_variables: bool = True,
+        weighted_filter: bool = True,
+        compute_tresca: bool = False,
+        compute_von_mises: bool = False,
+        output_gradient: bool = False,
+    ) -> None: ...
+    def triangulation(self, sub_sample: int = 1) -> npt.NDArray[np.uint32]: ...
     # ---- geometry
     def transform(self, rigid_trnasformation: RigidTransformation, displacement_only: bool = False) -> None: ...
 

@@ -16,7 +16,6 @@ import signal
 import sys
 import tempfile
 import threading
-import time
 
 EXIT_FAILED = 1
 EXIT_USAGE = 2
@@ -98,13 +97,27 @@ def _deferred_interrupt():
         raise KeyboardInterrupt
 
 
+_bar_stream = None
+
+
 def _progress(total: int, desc: str, quiet: bool):
     """A progress bar on standard error (shown only on a terminal)."""
+    global _bar_stream
     try:
         from tqdm import tqdm
     except ImportError:
         return _NoBar()
-    return tqdm(total=total, desc=desc, unit="dataset", file=sys.stderr,
+    if _bar_stream is None:
+        # The bar keeps its own handle on the terminal: while the library's
+        # messages are being collected, descriptor 2 points elsewhere.
+        try:
+            sys.stderr.flush()
+            _bar_stream = os.fdopen(os.dup(2), "w", buffering=1,
+                                    encoding=getattr(sys.stderr, "encoding", None) or "utf-8",
+                                    errors="replace")
+        except (OSError, ValueError, AttributeError):
+            _bar_stream = sys.stderr
+    return tqdm(total=total, desc=desc, unit="dataset", file=_bar_stream,
                 disable=True if quiet else None, dynamic_ncols=True)
 
 
@@ -224,6 +237,9 @@ def cmd_demo(args) -> int:
           f"{plate.young:g} at the hole edge")
     print(f"  ratio         {result.peak_e1 / result.closed_form_peak:.3f} of the "
           f"edge value (the edge itself is not measured)")
+    print(f"  e2 there      {result.e2_at_peak:.6f}, closed form {result.closed_form_e2:.6f} "
+          f"(-3 * nu * S / E = {-3 * plate.poisson * result.stress / plate.young:.6f} "
+          f"at the edge)")
     print(f"  wrote         {result.h5_path}")
     if result.png_path:
         print(f"                {result.png_path}")
@@ -239,12 +255,12 @@ def cmd_info(args) -> int:
 
     reader = open_source(args.source)
     names = reader.get_dataset_list()
+    detail_name = _pick(reader, args.dataset)
     where = reader.get_data_source() or os.path.abspath(args.source)
     kind = ("HDF5 file" if reader.h5_file_path else
             "directory" if reader.out_directory else "files")
     print(f"{where}: {kind}, {len(names)} dataset(s)")
     failed = 0
-    detail_name = _pick(reader, args.dataset)
     detail = None
     for i, name in enumerate(names):
         try:
@@ -327,7 +343,7 @@ def _make_writer(reader, dest: str | None):
 
     if dest is None:
         # In place keeps every file under its own name, including names the
-        # writer would spell differently (spec_0001_0.out, say).
+        # writer would spell differently (plate_0001_0.out, say).
         def save(ds):
             ds.save(ds.file_name())
         return save

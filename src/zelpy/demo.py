@@ -250,6 +250,8 @@ class DemoResult:
     peak_xy: tuple
     closed_form_peak: float
     closed_form_at_peak: float
+    e2_at_peak: float
+    closed_form_e2: float
     seconds: float
     window: int
 
@@ -279,13 +281,14 @@ def run_demo(directory: str, series: DemoSeries | None = None,
         if progress is not None:
             progress(step + 1, series.steps)
 
-    e1, X, Y, Z, conf = (last.get_values(["e1", "X", "Y", "Z", "sigma"])[n]
-                         for n in ("e1", "X", "Y", "Z", "sigma"))
+    names = ("e1", "e2", "X", "Y", "Z", "sigma")
+    e1, e2, X, Y, Z, conf = (last.get_values(list(names))[n] for n in names)
     valid = conf >= 0
     k = int(np.argmax(np.where(valid, e1, -np.inf)))
     p, q = series.to_plate(X[k], Y[k], Z[k])
     stress = float(series.stresses()[-1])
-    closed_at_peak = float(series.plate.principal_strain(p, q, stress)[0])
+    closed_at_peak, closed_e2 = (float(e) for e in
+                                 series.plate.principal_strain(p, q, stress))
 
     png_path = None
     if plot:
@@ -298,6 +301,7 @@ def run_demo(directory: str, series: DemoSeries | None = None,
         h5_path=h5_path, png_path=png_path, datasets=series.steps,
         points=last.matrix_size(), valid_points=int(valid.sum()),
         stress=stress, peak_e1=float(e1[k]), peak_xy=(float(X[k]), float(Y[k])),
+        e2_at_peak=float(e2[k]), closed_form_e2=closed_e2,
         closed_form_peak=series.plate.peak_strain(stress),
         closed_form_at_peak=closed_at_peak,
         seconds=time.perf_counter() - start, window=window)

@@ -221,6 +221,7 @@ def plot_variable(ds, variable: str, path: str, title: str | None = None,
     matplotlib.use("Agg", force=False)
     from matplotlib.backends.backend_agg import FigureCanvasAgg
     from matplotlib.figure import Figure
+    from matplotlib.ticker import MaxNLocator
     from matplotlib.tri import Triangulation
 
     check_variables(ds, [variable])
@@ -238,8 +239,10 @@ def plot_variable(ds, variable: str, path: str, title: str | None = None,
     used = np.unique(triangles)
     lo, hi = float(values[used].min()), float(values[used].max())
     if hi > lo:
-        mappable = ax.tricontourf(tri, values, levels=np.linspace(lo, hi, levels + 1),
-                                  cmap="jet")
+        # Round level boundaries make a readable colour bar.
+        bounds = MaxNLocator(levels).tick_values(lo, hi)
+        mappable = ax.tricontourf(tri, values, levels=bounds, cmap="jet",
+                                  extend="neither")
     else:
         # A constant field has no contour levels; show it as one colour.
         mappable = ax.tripcolor(tri, values, cmap="jet")

@@ -30,19 +30,19 @@ cdef _dataset_compute_strain(ZelDataSet dataset, int window_size, tensor_type,
 cdef _dataset_triangulation(ZelDataSet dataset, int sub_sample):
     if sub_sample < 1 or sub_sample > 4:
         raise ValueError("sub_sample must be in range [1,4], got " + str(sub_sample))
-    cdef int64_t bound
-    cdef int64_t count
+    cdef nimbra.GridTriangulation* mesh = NULL
+    cdef uint32_t* destination
     with nogil:
-        bound = nimbra.maxTriangles(deref(dataset.thisptr), sub_sample)
-    # int64 holds every global index (the library's are 32-bit unsigned) and
-    # subtracts without wrapping. The array is sized for the upper bound and
-    # shrunk in place: its untouched tail pages are never committed.
-    result = np.empty((bound, 3), dtype=np.int64)
-    cdef int64_t* destination = <int64_t*>cnp.PyArray_DATA(result)
-    with nogil:
-        count = nimbra.triangulateInto(deref(dataset.thisptr), sub_sample, destination)
-    if count != bound:
-        result.resize((count, 3), refcheck=False)
+        mesh = new nimbra.GridTriangulation(deref(dataset.thisptr), sub_sample, 0)
+    try:
+        # uint32, the library's own index type: it holds every global index
+        # and keeps the array half the size of int64 ones.
+        result = np.empty((mesh.size(), 3), dtype=np.uint32)
+        destination = <uint32_t*>cnp.PyArray_DATA(result)
+        with nogil:
+            mesh.write(destination)
+    finally:
+        del mesh
     return result
 
 

@@ -551,12 +551,7 @@ cdef class ZelDataSet:
     # ---------------------------------------------------------- analysis
 
     def smooth(self, str variable, int window_size=15, bint weighted=True):
-        """Applies smoothing to a variable
-
-        Fits a weighted plane over a ``window_size`` x ``window_size`` window
-        of valid points around every valid point and replaces the variable by
-        the fitted value in every grid AOI; invalid points get 0.
-        """
+        """Applies smoothing to a variable"""
         self.__check_thisptr()
         _dataset_smooth(self, variable, window_size, weighted)
 
@@ -564,12 +559,7 @@ cdef class ZelDataSet:
                        bint compute_principal_strain=True, bint reuse_variables=True,
                        bint weighted_filter=True, bint compute_tresca=False,
                        bint compute_von_mises=False, bint output_gradient=False):
-        """Computes the strain over all AOIs in the dataset.
-
-        Adds (or, with ``reuse_variables``, updates) the variables exx, eyy,
-        exy and, as requested, fxx, fxy, fyx, fyy, e1, e2, gamma, e_tresca and
-        e_vonmises in every grid AOI.
-        """
+        """Computes the strain over all AOIs in the dataset."""
         self.__check_thisptr()
         _dataset_compute_strain(self, window_size, tensor_type, compute_principal_strain,
                                 reuse_variables, weighted_filter, compute_tresca,
@@ -580,7 +570,6 @@ cdef class ZelDataSet:
 
         Returns:
             A n-by-3 numpy array of triangle indices, where n is the number of triangles.
-            The indices (int64) point into the array of get_values().
         """
         self.__check_thisptr()
         return _dataset_triangulation(self, sub_sample)

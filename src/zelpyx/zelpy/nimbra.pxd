@@ -144,8 +144,10 @@ cdef extern from "nimbra/analysis/Strain.h" namespace "nimbra":
 
 
 cdef extern from "nimbra/analysis/Triangulation.h" namespace "nimbra":
-    int64_t maxTriangles(const ZelDataSet&, int) nogil
-    int64_t triangulateInto(const ZelDataSet&, int, int64_t*) nogil
+    cdef cppclass GridTriangulation:
+        GridTriangulation(const ZelDataSet&, int, int) except + nogil
+        int64_t size() nogil
+        void write(uint32_t*) nogil
 
 
 
