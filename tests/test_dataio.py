@@ -79,6 +79,39 @@ def test_directory_lists_out_files_sorted_as_strings(run_dir, monkeypatch):
     assert loaded is not reader.dataset(names[1])
 
 
+@pytest.mark.parametrize("names", [
+    ["b.out", "a.out", "ab.out", "a-10_0.out", "a-2_0.out", "A.out", "z.out.bak", "zz.outx"],
+    ["é-1_0.out", "e-1_0.out", "ä.out", "\u4e2d.out", "\U0001f600.out", "~.out"],
+    ["measurement_0000000%03d_0.out" % i for i in (5, 100, 17, 999, 0)]
+    + ["measurement_0000000.out", "measurement_00000000.out", "measurement_.out"],
+])
+def test_listing_order_is_plain_string_order(tmp_path, names):
+    for name in names:
+        (tmp_path / name).write_bytes(b"")
+    os.mkdir(tmp_path / "dir.out")
+    undecodable = os.path.join(os.fsencode(str(tmp_path)), b"\xff\xfe-1_0.out")
+    open(undecodable, "wb").close()
+    reader = ZelDataSetReader(str(tmp_path))
+    expected = sorted(os.path.join(str(tmp_path), n) for n in os.listdir(str(tmp_path))
+                      if n.endswith(".out"))
+    assert reader.dataset_list == expected
+    assert len(expected) == sum(n.endswith(".out") for n in names) + 2
+
+
+@pytest.mark.parametrize("content", [b"", b"\xa2\x4e\x51\x54 not a data file", None])
+def test_unreadable_listed_file_reports_like_load(tmp_path, content):
+    path = write_out(tmp_path, "a-1_0.out", 1)
+    reader = ZelDataSetReader(str(tmp_path))
+    if content is None:
+        os.remove(path)
+    else:
+        with open(path, "wb") as stream:
+            stream.write(content)
+    with pytest.raises(NameError) as error:
+        reader[0]
+    assert str(error.value) == "Unable to find file: " + path + " or file is corrupted"
+
+
 def test_source_forms(run_dir, tmp_path, monkeypatch):
     h5 = write_h5(tmp_path / "run.h5", {"1": 5})
     single = ZelDataSetReader(os.path.join(run_dir, "b_1_0.out"))

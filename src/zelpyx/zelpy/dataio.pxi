@@ -1,6 +1,8 @@
 # Finding datasets (directories, glob patterns, HDF5 files, projects), handing
 # them out as ZelDataSet objects and writing them back.
 
+import mmap as _mmap
+
 # Extensions a reader source may have, tested in this order and
 # case-sensitively: "x.OUT" is not a data file.
 _SOURCE_EXTENSIONS = (".z3d", ".z2d", ".h5", ".out")
@@ -9,8 +11,72 @@ _HDF5_MARK = ":out:"
 _OUT_NAME = re.compile(r"^([\S]+)[\-_]([0-9]+)_([0-9])")
 
 
+cdef extern from "Python.h":
+    object PyUnicode_DecodeFSDefaultAndSize(const char* text, Py_ssize_t size)
+
+
+cdef object _list_out_files(str directory):
+    """Sorted paths of the ".out" entries of ``directory``; None when it
+    cannot be read."""
+    cdef string native
+    cdef string suffix = b".out"
+    cdef nimbra.optional_path_list listing
+    cdef nimbra.PathList* paths
+    cdef const char* text
+    cdef size_t i, begin = 0
+    cdef list result
+    if os.name != "posix":
+        # Native paths are wide there; the names come from Python instead.
+        try:
+            names = [name for name in os.listdir(directory) if name.endswith(".out")]
+        except OSError:
+            return None
+        names.sort()
+        prefix = os.path.join(directory, "")
+        return [prefix + name for name in names]
+    native = os.fsencode(directory)
+    with nogil:
+        listing = nimbra.listDirectory(native, suffix)
+    if not listing.has_value():
+        return None
+    paths = &listing.value()
+    text = paths.text.c_str()
+    result = [None] * paths.ends.size()
+    for i in range(paths.ends.size()):
+        result[i] = PyUnicode_DecodeFSDefaultAndSize(text + begin, paths.ends[i] - begin)
+        begin = paths.ends[i]
+    # The library sorts by bytes, which is the order of the decoded strings
+    # except for undecodable bytes (mapped to surrogates); a sort of an
+    # already sorted list costs one comparison per name.
+    result.sort()
+    return result
+
+
+cdef object _map_file(str name):
+    try:
+        with open(name, "rb") as stream:
+            return _mmap.mmap(stream.fileno(), 0, access=_mmap.ACCESS_READ)
+    except (OSError, ValueError):
+        # Missing, unreadable or empty: ZelDataSet.load reports it.
+        return None
+
+
 def _load_dataset(str name):
     dataset = ZelDataSet()
+    parts = name.split(_HDF5_MARK)
+    if not (len(parts) == 2 and parts[0].endswith(".h5")):
+        # The decoder reads straight from the page cache: one pass over the
+        # bytes instead of a read into a buffer followed by the decode.
+        mapped = _map_file(name)
+        if mapped is not None:
+            try:
+                dataset.load_from_data(mapped, name)
+                return dataset
+            except ValueError:
+                pass
+            finally:
+                mapped.close()
+    # HDF5 members, and every failure, go through load() for its messages.
     dataset.load(name)
     return dataset
 
@@ -87,17 +153,12 @@ class ZelDataSetReader:
             self.__reset()
             raise NameError("Cannot find path '" + directory + "'.")
         self.out_directory = os.path.abspath(directory)
-        try:
-            names = [name for name in os.listdir(self.out_directory) if name.endswith(".out")]
-        except OSError:
+        paths = _list_out_files(self.out_directory)
+        if paths is None:
             # A file, or a directory we may not read: nothing can be listed.
             self.__reset()
             raise NameError("Cannot find path '" + directory + "'.")
-        # Sorting the bare names gives the order of the full paths (they share
-        # the prefix) and compares much shorter strings.
-        names.sort()
-        prefix = os.path.join(self.out_directory, "")
-        self.dataset_list = [prefix + name for name in names]
+        self.dataset_list = paths
 
     def load_from_hdf5(self, str h5_file_name not None):
         """List the members of the group "out" of an HDF5 file.

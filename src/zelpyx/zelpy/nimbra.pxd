@@ -121,3 +121,14 @@ cdef extern from "nimbra/data/FileNames.h" namespace "nimbra" nogil:
 
 # ----------------------------------------------------------------- geometry
 
+
+# ------------------------------------------------------------------ data io
+
+cdef extern from "nimbra/io/DirectoryListing.h" namespace "nimbra":
+    cdef cppclass PathList:
+        string text
+        vector[size_t] ends
+    cdef cppclass optional_path_list "std::optional<nimbra::PathList>":
+        bool has_value()
+        PathList& value()
+    optional_path_list listDirectory(const string& directory, const string& suffix) except + nogil
