@@ -147,6 +147,31 @@ def test_hdf5_source(tmp_path):
     assert reader[1].file_name() == h5 + ":out:10"
 
 
+@pytest.mark.parametrize("storage", ["contiguous", "userblock", "chunked", "gzip"])
+def test_hdf5_members_in_any_storage_layout(tmp_path, storage):
+    path = str(tmp_path / "s.h5")
+    options = {"chunked": {"chunks": (100,)}, "gzip": {"compression": "gzip"}}.get(storage, {})
+    with h5py.File(path, "w", userblock_size=1024 if storage == "userblock" else 0) as handle:
+        group = handle.create_group("out")
+        for key, seed in (("1", 11), ("2", 12)):
+            group.create_dataset(key, data=np.frombuffer(make_dataset(seed).export_raw(), np.uint8),
+                                 **options)
+    assert [seed_of(d) for d in ZelDataSetReader(path)] == [11, 12]
+
+
+def test_hdf5_reads_see_writes_of_an_open_handle(tmp_path):
+    path = write_h5(tmp_path / "s.h5", {"1": 1})
+    reader = ZelDataSetReader(path)
+    replacement = np.frombuffer(make_dataset(5).export_raw(), np.uint8)
+    original = np.frombuffer(make_dataset(1).export_raw(), np.uint8)
+    differ = np.flatnonzero(original != replacement)
+    first, last = differ[0], differ[-1] + 1
+    with h5py.File(path, "a") as handle:
+        # A small partial write stays in the library's buffers until flushed.
+        handle["out/1"][first:last] = replacement[first:last]
+        assert seed_of(reader[0]) == 5
+
+
 def test_projects_list_the_data_files_that_exist(run_dir, tmp_path):
     other = write_out(tmp_path / "elsewhere", "e-7_0.out", 7)
     project = ProjectFile(str(tmp_path / "p.z3d"))

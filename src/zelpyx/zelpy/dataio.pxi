@@ -52,31 +52,85 @@ cdef object _list_out_files(str directory):
     return result
 
 
-cdef object _map_file(str name):
+cdef object _hdf5_member_span(str path, str key):
+    """(offset, size, first bytes) of member ``key`` of the group "out" when
+    they lie in the file as they are (contiguous, unfiltered, not external);
+    None in every other case."""
+    h5py = _h5py()
+    # The low-level interface: this runs once per dataset read, and the
+    # high-level objects cost more than the checks themselves.
     try:
-        with open(name, "rb") as stream:
-            return _mmap.mmap(stream.fileno(), 0, access=_mmap.ACCESS_READ)
-    except (OSError, ValueError):
-        # Missing, unreadable or empty: ZelDataSet.load reports it.
+        file_id = h5py.h5f.open(os.fsencode(path), h5py.h5f.ACC_RDONLY)
+    except Exception:
         return None
+    try:
+        # Another handle of this process may hold writes that are not on
+        # disk yet; then only the library knows the current bytes.
+        if h5py.h5f.get_obj_count(file_id, h5py.h5f.OBJ_FILE) != 1:
+            return None
+        member = h5py.h5d.open(file_id, b"out/" + key.encode("utf-8"))
+        space = member.get_space()
+        if member.dtype != np.uint8 or space.get_simple_extent_ndims() != 1:
+            return None
+        plist = member.get_create_plist()
+        if (plist.get_layout() != h5py.h5d.CONTIGUOUS or plist.get_nfilters() != 0
+                or plist.get_external_count() != 0):
+            return None
+        offset = member.get_offset()
+        size = space.shape[0]
+        if offset is None or size == 0 or member.get_storage_size() != size:
+            return None
+        # The first bytes read through the library must be those at the
+        # offset, or the mapping is not trusted.
+        head = np.empty(min(size, 64), dtype=np.uint8)
+        space.select_hyperslab((0,), (head.shape[0],))
+        member.read(h5py.h5s.create_simple(head.shape), space, head)
+        return offset, size, head.tobytes()
+    except Exception:
+        return None
+    finally:
+        file_id.close()
+
+
+cdef bint _decode_mapped(object dataset, str path, object offset, object size, str name,
+                         bytes head=None):
+    """Decode ``size`` bytes at ``offset`` of the file ``path`` into
+    ``dataset`` straight from a read-only mapping. False when the file cannot
+    be mapped, the bytes differ from ``head`` or they do not decode."""
+    try:
+        with open(path, "rb") as stream:
+            start = offset - offset % _mmap.ALLOCATIONGRANULARITY
+            mapped = _mmap.mmap(stream.fileno(), (offset - start) + size if size else 0,
+                                offset=start, access=_mmap.ACCESS_READ)
+    except (OSError, ValueError, OverflowError):
+        return False
+    try:
+        with memoryview(mapped) as whole:
+            end = (offset - start) + size if size else len(whole)
+            with whole[offset - start:end] as view:
+                if head is not None and view[:len(head)] != head:
+                    return False
+                dataset.load_from_data(view, name)
+                return True
+    except ValueError:
+        return False
+    finally:
+        mapped.close()
 
 
 def _load_dataset(str name):
+    # The decoder reads straight from the page cache: one pass over the
+    # bytes instead of a read into a buffer followed by the decode. Anything
+    # unusual (and every failure) goes through ZelDataSet.load, which has
+    # the messages.
     dataset = ZelDataSet()
     parts = name.split(_HDF5_MARK)
-    if not (len(parts) == 2 and parts[0].endswith(".h5")):
-        # The decoder reads straight from the page cache: one pass over the
-        # bytes instead of a read into a buffer followed by the decode.
-        mapped = _map_file(name)
-        if mapped is not None:
-            try:
-                dataset.load_from_data(mapped, name)
-                return dataset
-            except ValueError:
-                pass
-            finally:
-                mapped.close()
-    # HDF5 members, and every failure, go through load() for its messages.
+    if len(parts) == 2 and parts[0].endswith(".h5"):
+        span = _hdf5_member_span(parts[0], parts[1])
+        if span is not None and _decode_mapped(dataset, parts[0], span[0], span[1], name, span[2]):
+            return dataset
+    elif _decode_mapped(dataset, name, 0, 0, name):
+        return dataset
     dataset.load(name)
     return dataset
 
