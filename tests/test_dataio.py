@@ -112,6 +112,27 @@ def test_unreadable_listed_file_reports_like_load(tmp_path, content):
     assert str(error.value) == "Unable to find file: " + path + " or file is corrupted"
 
 
+@pytest.mark.parametrize("kind", ["out", "h5"])
+def test_corrupt_data_fails_as_load_does(tmp_path, capfd, kind):
+    garbage = b"\xa2\x4e\x51\x54" + bytes(range(256)) * 8
+    if kind == "out":
+        name = str(tmp_path / "a-1_0.out")
+        with open(name, "wb") as stream:
+            stream.write(garbage)
+    else:
+        name = write_h5(tmp_path / "s.h5", {}) + ":out:1"
+        with h5py.File(str(tmp_path / "s.h5"), "a") as handle:
+            handle["out/1"] = np.frombuffer(garbage, np.uint8)
+    capfd.readouterr()
+    with pytest.raises(Exception) as direct:
+        ZelDataSet().load(name)
+    direct_log = capfd.readouterr().err
+    with pytest.raises(type(direct.value)) as via_reader:
+        ZelDataSetReader(os.path.dirname(name) if kind == "out" else name.split(":out:")[0])[0]
+    assert str(via_reader.value) == str(direct.value)
+    assert capfd.readouterr().err == direct_log
+
+
 def test_source_forms(run_dir, tmp_path, monkeypatch):
     h5 = write_h5(tmp_path / "run.h5", {"1": 5})
     single = ZelDataSetReader(os.path.join(run_dir, "b_1_0.out"))
@@ -219,6 +240,10 @@ def test_missing_directory_resets_the_reader(run_dir):
         reader.load_from_directory(run_dir + "/none")
     assert str(error.value) == "Cannot find path '" + run_dir + "/none'."
     assert (reader.dataset_list, reader.out_directory, reader.h5_file_path) == ([], None, None)
+    reader.load_from_directory(run_dir)
+    with pytest.raises(NameError, match="^Cannot find path '.*b_1_0.out'.$"):
+        reader.load_from_directory(run_dir + "/b_1_0.out")
+    assert (reader.dataset_list, reader.out_directory) == ([], None)
 
 
 @pytest.mark.parametrize("kind", ["missing", "garbage", "no out", "out is not a group", "open elsewhere"])

@@ -93,10 +93,11 @@ cdef object _hdf5_member_span(str path, str key):
 
 
 cdef bint _decode_mapped(object dataset, str path, object offset, object size, str name,
-                         bytes head=None):
-    """Decode ``size`` bytes at ``offset`` of the file ``path`` into
-    ``dataset`` straight from a read-only mapping. False when the file cannot
-    be mapped, the bytes differ from ``head`` or they do not decode."""
+                         bytes head=None) except -1:
+    """Decode ``size`` bytes at ``offset`` of the file ``path`` (the whole
+    file when ``size`` is 0) into ``dataset`` straight from a read-only
+    mapping. False when the file cannot be mapped or its bytes differ from
+    ``head``; the ValueError of load_from_data when they do not decode."""
     try:
         with open(path, "rb") as stream:
             start = offset - offset % _mmap.ALLOCATIONGRANULARITY
@@ -112,25 +113,30 @@ cdef bint _decode_mapped(object dataset, str path, object offset, object size, s
                     return False
                 dataset.load_from_data(view, name)
                 return True
-    except ValueError:
-        return False
     finally:
         mapped.close()
 
 
 def _load_dataset(str name):
     # The decoder reads straight from the page cache: one pass over the
-    # bytes instead of a read into a buffer followed by the decode. Anything
-    # unusual (and every failure) goes through ZelDataSet.load, which has
-    # the messages.
+    # bytes instead of a read into a buffer followed by the decode. What
+    # cannot be mapped (missing or empty files, HDF5 members stored in
+    # chunks) goes through ZelDataSet.load.
     dataset = ZelDataSet()
     parts = name.split(_HDF5_MARK)
     if len(parts) == 2 and parts[0].endswith(".h5"):
+        # An undecodable member raises what load() raises for it.
         span = _hdf5_member_span(parts[0], parts[1])
         if span is not None and _decode_mapped(dataset, parts[0], span[0], span[1], name, span[2]):
             return dataset
-    elif _decode_mapped(dataset, name, 0, 0, name):
-        return dataset
+    else:
+        try:
+            if _decode_mapped(dataset, name, 0, 0, name):
+                return dataset
+        except ValueError:
+            # Decoding the same bytes again through load() would only log
+            # the decoder's complaint twice.
+            raise NameError("Unable to find file: " + name + " or file is corrupted") from None
     dataset.load(name)
     return dataset
 
@@ -207,9 +213,9 @@ class ZelDataSetReader:
             self.__reset()
             raise NameError("Cannot find path '" + directory + "'.")
         self.out_directory = os.path.abspath(directory)
-        paths = _list_out_files(self.out_directory)
+        # A file, or a directory we may not read, has nothing to list either.
+        paths = _list_out_files(self.out_directory) if os.path.isdir(self.out_directory) else None
         if paths is None:
-            # A file, or a directory we may not read: nothing can be listed.
             self.__reset()
             raise NameError("Cannot find path '" + directory + "'.")
         self.dataset_list = paths
@@ -334,9 +340,10 @@ class ZelDataSetWriter:
         self.output_prefix = None
         self.dest_is_h5 = False
 
-    def set_output(self, str output_dest not None):
+    def set_output(self, output_dest):
         """Write to the existing directory ``output_dest`` or into the HDF5
         file ``output_dest`` (".h5", created on the first save if needed)."""
+        output_dest = os.fspath(output_dest)
         if os.path.isdir(output_dest):
             self.output_dest = os.path.abspath(output_dest)
             self.dest_is_h5 = False
