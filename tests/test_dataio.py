@@ -98,6 +98,19 @@ def test_listing_order_is_plain_string_order(tmp_path, names):
     assert len(expected) == sum(n.endswith(".out") for n in names) + 2
 
 
+@pytest.mark.parametrize("alphabet, seed", [("ab", 1), ("0123456789-_", 2), ("aé\u4e2d\U0001f600", 3)])
+def test_listing_order_of_many_similar_names(tmp_path, alphabet, seed):
+    # Few letters and a shared prefix: many names agree on their first bytes
+    # and differ only far in, or only in length.
+    rng = np.random.default_rng(seed)
+    names = {"run_" + "".join(rng.choice(list(alphabet), size=rng.integers(0, 14))) + ".out"
+             for _ in range(600)}
+    for name in names:
+        (tmp_path / name).write_bytes(b"")
+    reader = ZelDataSetReader(str(tmp_path))
+    assert reader.dataset_list == sorted(os.path.join(str(tmp_path), n) for n in names)
+
+
 @pytest.mark.parametrize("content", [b"", b"\xa2\x4e\x51\x54 not a data file", None])
 def test_unreadable_listed_file_reports_like_load(tmp_path, content):
     path = write_out(tmp_path, "a-1_0.out", 1)

@@ -84,10 +84,34 @@ bool collect(const std::string& directory, std::string_view suffix, Names& names
 }
 #endif
 
+struct Key {
+    uint64_t head;
+    std::size_t index;
+};
+
+// Stable LSD radix sort of the keys by `head`, one byte per pass; a pass
+// whose byte is the same for every key changes nothing and is skipped.
+void radixSort(std::vector<Key>& keys) {
+    std::vector<Key> scratch(keys.size());
+    for (int shift = 0; shift < 64; shift += 8) {
+        std::size_t counts[256] = {};
+        for (const Key& key : keys) ++counts[(key.head >> shift) & 0xFF];
+        if (!keys.empty() && counts[(keys[0].head >> shift) & 0xFF] == keys.size()) continue;
+        std::size_t position = 0;
+        for (std::size_t& count : counts) {
+            const std::size_t n = count;
+            count = position;
+            position += n;
+        }
+        for (const Key& key : keys) scratch[counts[(key.head >> shift) & 0xFF]++] = key;
+        keys.swap(scratch);
+    }
+}
+
 // The indices of the names in byte order. Names in one directory tend to
-// share a long prefix ("spec-000..."), which makes plain string comparisons
-// slow; the sort compares the 8 bytes after the common prefix as one integer
-// first and looks at the whole names only when those are equal.
+// share a long prefix ("spec-000..."), so the 8 bytes after the prefix that
+// all names share decide almost every comparison: they are sorted as
+// integers, and only names that agree on all 8 are compared whole.
 std::vector<std::size_t> sortedOrder(const Names& names) {
     const std::size_t count = names.spans.size();
     std::size_t common = count ? names[0].size() : 0;
@@ -98,10 +122,6 @@ std::vector<std::size_t> sortedOrder(const Names& names) {
         while (k < limit && name[k] == names[0][k]) ++k;
         common = k;
     }
-    struct Key {
-        uint64_t head;
-        std::size_t index;
-    };
     std::vector<Key> keys(count);
     for (std::size_t i = 0; i < count; ++i) {
         const std::string_view name = names[i];
@@ -114,11 +134,18 @@ std::vector<std::size_t> sortedOrder(const Names& names) {
         }
         keys[i] = Key{head, i};
     }
-    std::sort(keys.begin(), keys.end(), [&names](const Key& a, const Key& b) {
-        if (a.head != b.head) return a.head < b.head;
-        // string_view compares its chars as unsigned, i.e. in byte order.
-        return names[a.index] < names[b.index];
-    });
+    radixSort(keys);
+    for (std::size_t begin = 0; begin < count;) {
+        std::size_t end = begin + 1;
+        while (end < count && keys[end].head == keys[begin].head) ++end;
+        if (end - begin > 1) {
+            // string_view compares its chars as unsigned, i.e. in byte order.
+            std::sort(keys.begin() + begin, keys.begin() + end, [&names](const Key& a, const Key& b) {
+                return names[a.index] < names[b.index];
+            });
+        }
+        begin = end;
+    }
     std::vector<std::size_t> order(count);
     for (std::size_t i = 0; i < count; ++i) order[i] = keys[i].index;
     return order;
