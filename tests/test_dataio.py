@@ -79,6 +79,73 @@ def test_directory_lists_out_files_sorted_as_strings(run_dir, monkeypatch):
     assert loaded is not reader.dataset(names[1])
 
 
+@pytest.mark.parametrize("names", [
+    ["b.out", "a.out", "ab.out", "a-10_0.out", "a-2_0.out", "A.out", "z.out.bak", "zz.outx"],
+    ["é-1_0.out", "e-1_0.out", "ä.out", "\u4e2d.out", "\U0001f600.out", "~.out"],
+    ["measurement_0000000%03d_0.out" % i for i in (5, 100, 17, 999, 0)]
+    + ["measurement_0000000.out", "measurement_00000000.out", "measurement_.out"],
+])
+def test_listing_order_is_plain_string_order(tmp_path, names):
+    for name in names:
+        (tmp_path / name).write_bytes(b"")
+    os.mkdir(tmp_path / "dir.out")
+    undecodable = os.path.join(os.fsencode(str(tmp_path)), b"\xff\xfe-1_0.out")
+    open(undecodable, "wb").close()
+    reader = ZelDataSetReader(str(tmp_path))
+    expected = sorted(os.path.join(str(tmp_path), n) for n in os.listdir(str(tmp_path))
+                      if n.endswith(".out"))
+    assert reader.dataset_list == expected
+    assert len(expected) == sum(n.endswith(".out") for n in names) + 2
+
+
+@pytest.mark.parametrize("alphabet, seed", [("ab", 1), ("0123456789-_", 2), ("aé\u4e2d\U0001f600", 3)])
+def test_listing_order_of_many_similar_names(tmp_path, alphabet, seed):
+    # Few letters and a shared prefix: many names agree on their first bytes
+    # and differ only far in, or only in length.
+    rng = np.random.default_rng(seed)
+    names = {"run_" + "".join(rng.choice(list(alphabet), size=rng.integers(0, 14))) + ".out"
+             for _ in range(600)}
+    for name in names:
+        (tmp_path / name).write_bytes(b"")
+    reader = ZelDataSetReader(str(tmp_path))
+    assert reader.dataset_list == sorted(os.path.join(str(tmp_path), n) for n in names)
+
+
+@pytest.mark.parametrize("content", [b"", b"\xa2\x4e\x51\x54 not a data file", None])
+def test_unreadable_listed_file_reports_like_load(tmp_path, content):
+    path = write_out(tmp_path, "a-1_0.out", 1)
+    reader = ZelDataSetReader(str(tmp_path))
+    if content is None:
+        os.remove(path)
+    else:
+        with open(path, "wb") as stream:
+            stream.write(content)
+    with pytest.raises(NameError) as error:
+        reader[0]
+    assert str(error.value) == "Unable to find file: " + path + " or file is corrupted"
+
+
+@pytest.mark.parametrize("kind", ["out", "h5"])
+def test_corrupt_data_fails_as_load_does(tmp_path, capfd, kind):
+    garbage = b"\xa2\x4e\x51\x54" + bytes(range(256)) * 8
+    if kind == "out":
+        name = str(tmp_path / "a-1_0.out")
+        with open(name, "wb") as stream:
+            stream.write(garbage)
+    else:
+        name = write_h5(tmp_path / "s.h5", {}) + ":out:1"
+        with h5py.File(str(tmp_path / "s.h5"), "a") as handle:
+            handle["out/1"] = np.frombuffer(garbage, np.uint8)
+    capfd.readouterr()
+    with pytest.raises(Exception) as direct:
+        ZelDataSet().load(name)
+    direct_log = capfd.readouterr().err
+    with pytest.raises(type(direct.value)) as via_reader:
+        ZelDataSetReader(os.path.dirname(name) if kind == "out" else name.split(":out:")[0])[0]
+    assert str(via_reader.value) == str(direct.value)
+    assert capfd.readouterr().err == direct_log
+
+
 def test_source_forms(run_dir, tmp_path, monkeypatch):
     h5 = write_h5(tmp_path / "run.h5", {"1": 5})
     single = ZelDataSetReader(os.path.join(run_dir, "b_1_0.out"))
@@ -112,6 +179,31 @@ def test_hdf5_source(tmp_path):
     assert reader.get_data_source() == h5 and reader.out_directory is None
     assert [seed_of(d) for d in reader] == [3, 10, 2]
     assert reader[1].file_name() == h5 + ":out:10"
+
+
+@pytest.mark.parametrize("storage", ["contiguous", "userblock", "chunked", "gzip"])
+def test_hdf5_members_in_any_storage_layout(tmp_path, storage):
+    path = str(tmp_path / "s.h5")
+    options = {"chunked": {"chunks": (100,)}, "gzip": {"compression": "gzip"}}.get(storage, {})
+    with h5py.File(path, "w", userblock_size=1024 if storage == "userblock" else 0) as handle:
+        group = handle.create_group("out")
+        for key, seed in (("1", 11), ("2", 12)):
+            group.create_dataset(key, data=np.frombuffer(make_dataset(seed).export_raw(), np.uint8),
+                                 **options)
+    assert [seed_of(d) for d in ZelDataSetReader(path)] == [11, 12]
+
+
+def test_hdf5_reads_see_writes_of_an_open_handle(tmp_path):
+    path = write_h5(tmp_path / "s.h5", {"1": 1})
+    reader = ZelDataSetReader(path)
+    replacement = np.frombuffer(make_dataset(5).export_raw(), np.uint8)
+    original = np.frombuffer(make_dataset(1).export_raw(), np.uint8)
+    differ = np.flatnonzero(original != replacement)
+    first, last = differ[0], differ[-1] + 1
+    with h5py.File(path, "a") as handle:
+        # A small partial write stays in the library's buffers until flushed.
+        handle["out/1"][first:last] = replacement[first:last]
+        assert seed_of(reader[0]) == 5
 
 
 def test_projects_list_the_data_files_that_exist(run_dir, tmp_path):
@@ -161,6 +253,10 @@ def test_missing_directory_resets_the_reader(run_dir):
         reader.load_from_directory(run_dir + "/none")
     assert str(error.value) == "Cannot find path '" + run_dir + "/none'."
     assert (reader.dataset_list, reader.out_directory, reader.h5_file_path) == ([], None, None)
+    reader.load_from_directory(run_dir)
+    with pytest.raises(NameError, match="^Cannot find path '.*b_1_0.out'.$"):
+        reader.load_from_directory(run_dir + "/b_1_0.out")
+    assert (reader.dataset_list, reader.out_directory) == ([], None)
 
 
 @pytest.mark.parametrize("kind", ["missing", "garbage", "no out", "out is not a group", "open elsewhere"])

@@ -13,6 +13,7 @@ import subprocess
 import sys
 import threading
 import time
+import tracemalloc
 
 import numpy as np
 import pytest
@@ -67,6 +68,16 @@ def frame(message_type, payload=b""):
 
 
 # -------------------------------------------------------------- fixtures
+
+@pytest.fixture(autouse=True)
+def no_thread_left_behind():
+    before = set(threading.enumerate())
+    yield
+    new = [t for t in threading.enumerate() if t not in before]
+    for thread in new:
+        thread.join(TIMEOUT)
+    assert [t.name for t in new if t.is_alive()] == []
+
 
 class Peer:
     """The server side of one connection, written by hand."""
@@ -417,6 +428,20 @@ def test_server_closing_mid_message(connected, peer, received, thread_errors, cu
                           "Connection closed by the server in the middle of a message.")
 
 
+def test_a_huge_announced_length_does_not_allocate_it(connected, peer, thread_errors):
+    tracemalloc.start()
+    try:
+        peer.send((0xFFFFFFF0).to_bytes(4, sys.byteorder)
+                  + (3).to_bytes(4, sys.byteorder) + bytes(3_000_000))
+        peer.close_connection()
+        assert_listener_ended(connected, thread_errors, ConnectionError,
+                              "Connection closed by the server in the middle of a message.")
+        peak = tracemalloc.get_traced_memory()[1]
+    finally:
+        tracemalloc.stop()
+    assert peak < 100_000_000
+
+
 def test_server_closing_between_messages_ends_quietly(connected, peer, received, thread_errors):
     peer.send(frame(6, b"bye"))
     assert received.get() == ("analog", 0, "bye")
@@ -607,6 +632,21 @@ def test_server_serves_a_directory_in_reader_order(data_dir, blocks, make_client
     for (_, i, ds), block in zip(got, blocks):
         assert ds.file_name() == "data_%05d_0.out" % i
         assert_same_data(ds, block)
+
+
+@needs_reader
+def test_server_reports_a_file_gone_since_the_listing(data_dir, blocks, make_client, received,
+                                                       thread_errors):
+    with RTServer(str(data_dir), port=0) as server:
+        gone = server.blocks.names[1]
+        os.remove(gone)
+        client = make_client(server.port)
+        client.connect()
+        client.request_start_data_streaming()
+        assert_same_data(collect(received, 1)[0][2], blocks[0])
+        error = thread_errors.get(timeout=TIMEOUT)
+    assert str(error).startswith("Error from server: Cannot read data file " + gone + ": ")
+    assert received.empty()
 
 
 @needs_reader

@@ -411,7 +411,16 @@ class RTServer:
         if self.fail_after is not None and connection.sent >= self.fail_after:
             self._fault(connection)
             return
-        connection.send_message(MESSAGE_DATA, self.blocks[connection.position])
+        try:
+            block = self.blocks[connection.position]
+        except (OSError, KeyError, ValueError) as error:
+            # A file that vanished or broke since the listing: tell the client
+            # the way the application reports its own failures.
+            connection.streaming = False
+            connection.send_message(MESSAGE_ERROR, "Cannot read data file {}: {}".format(
+                self.blocks.names[connection.position], error).encode("utf-8"))
+            return
+        connection.send_message(MESSAGE_DATA, block)
         connection.sent += 1
         connection.position += 1
         if self.fps:

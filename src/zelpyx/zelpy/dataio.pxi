@@ -1,6 +1,8 @@
 # Finding datasets (directories, glob patterns, HDF5 files, projects), handing
 # them out as ZelDataSet objects and writing them back.
 
+import mmap as _mmap
+
 # Extensions a reader source may have, tested in this order and
 # case-sensitively: "x.OUT" is not a data file.
 _SOURCE_EXTENSIONS = (".z3d", ".z2d", ".h5", ".out")
@@ -9,8 +11,132 @@ _HDF5_MARK = ":out:"
 _OUT_NAME = re.compile(r"^([\S]+)[\-_]([0-9]+)_([0-9])")
 
 
+cdef extern from "Python.h":
+    object PyUnicode_DecodeFSDefaultAndSize(const char* text, Py_ssize_t size)
+
+
+cdef object _list_out_files(str directory):
+    """Sorted paths of the ".out" entries of ``directory``; None when it
+    cannot be read."""
+    cdef string native
+    cdef string suffix = b".out"
+    cdef nimbra.optional_path_list listing
+    cdef nimbra.PathList* paths
+    cdef const char* text
+    cdef size_t i, begin = 0
+    cdef list result
+    if os.name != "posix":
+        # Native paths are wide there; the names come from Python instead.
+        try:
+            names = [name for name in os.listdir(directory) if name.endswith(".out")]
+        except OSError:
+            return None
+        names.sort()
+        prefix = os.path.join(directory, "")
+        return [prefix + name for name in names]
+    native = os.fsencode(directory)
+    with nogil:
+        listing = nimbra.listDirectory(native, suffix)
+    if not listing.has_value():
+        return None
+    paths = &listing.value()
+    text = paths.text.c_str()
+    result = [None] * paths.ends.size()
+    for i in range(paths.ends.size()):
+        result[i] = PyUnicode_DecodeFSDefaultAndSize(text + begin, paths.ends[i] - begin)
+        begin = paths.ends[i]
+    # The library sorts by bytes, which is the order of the decoded strings
+    # except for undecodable bytes (mapped to surrogates); a sort of an
+    # already sorted list costs one comparison per name.
+    result.sort()
+    return result
+
+
+cdef object _hdf5_member_span(str path, str key):
+    """(offset, size, first bytes) of member ``key`` of the group "out" when
+    they lie in the file as they are (contiguous, unfiltered, not external);
+    None in every other case."""
+    h5py = _h5py()
+    # The low-level interface: this runs once per dataset read, and the
+    # high-level objects cost more than the checks themselves.
+    try:
+        file_id = h5py.h5f.open(os.fsencode(path), h5py.h5f.ACC_RDONLY)
+    except Exception:
+        return None
+    try:
+        # Another handle of this process may hold writes that are not on
+        # disk yet; then only the library knows the current bytes.
+        if h5py.h5f.get_obj_count(file_id, h5py.h5f.OBJ_FILE) != 1:
+            return None
+        member = h5py.h5d.open(file_id, b"out/" + key.encode("utf-8"))
+        space = member.get_space()
+        if member.dtype != np.uint8 or space.get_simple_extent_ndims() != 1:
+            return None
+        plist = member.get_create_plist()
+        if (plist.get_layout() != h5py.h5d.CONTIGUOUS or plist.get_nfilters() != 0
+                or plist.get_external_count() != 0):
+            return None
+        offset = member.get_offset()
+        size = space.shape[0]
+        if offset is None or size == 0 or member.get_storage_size() != size:
+            return None
+        # The first bytes read through the library must be those at the
+        # offset, or the mapping is not trusted.
+        head = np.empty(min(size, 64), dtype=np.uint8)
+        space.select_hyperslab((0,), (head.shape[0],))
+        member.read(h5py.h5s.create_simple(head.shape), space, head)
+        return offset, size, head.tobytes()
+    except Exception:
+        return None
+    finally:
+        file_id.close()
+
+
+cdef bint _decode_mapped(object dataset, str path, object offset, object size, str name,
+                         bytes head=None) except -1:
+    """Decode ``size`` bytes at ``offset`` of the file ``path`` (the whole
+    file when ``size`` is 0) into ``dataset`` straight from a read-only
+    mapping. False when the file cannot be mapped or its bytes differ from
+    ``head``; the ValueError of load_from_data when they do not decode."""
+    try:
+        with open(path, "rb") as stream:
+            start = offset - offset % _mmap.ALLOCATIONGRANULARITY
+            mapped = _mmap.mmap(stream.fileno(), (offset - start) + size if size else 0,
+                                offset=start, access=_mmap.ACCESS_READ)
+    except (OSError, ValueError, OverflowError):
+        return False
+    try:
+        with memoryview(mapped) as whole:
+            end = (offset - start) + size if size else len(whole)
+            with whole[offset - start:end] as view:
+                if head is not None and view[:len(head)] != head:
+                    return False
+                dataset.load_from_data(view, name)
+                return True
+    finally:
+        mapped.close()
+
+
 def _load_dataset(str name):
+    # The decoder reads straight from the page cache: one pass over the
+    # bytes instead of a read into a buffer followed by the decode. What
+    # cannot be mapped (missing or empty files, HDF5 members stored in
+    # chunks) goes through ZelDataSet.load.
     dataset = ZelDataSet()
+    parts = name.split(_HDF5_MARK)
+    if len(parts) == 2 and parts[0].endswith(".h5"):
+        # An undecodable member raises what load() raises for it.
+        span = _hdf5_member_span(parts[0], parts[1])
+        if span is not None and _decode_mapped(dataset, parts[0], span[0], span[1], name, span[2]):
+            return dataset
+    else:
+        try:
+            if _decode_mapped(dataset, name, 0, 0, name):
+                return dataset
+        except ValueError:
+            # Decoding the same bytes again through load() would only log
+            # the decoder's complaint twice.
+            raise NameError("Unable to find file: " + name + " or file is corrupted") from None
     dataset.load(name)
     return dataset
 
@@ -87,17 +213,12 @@ class ZelDataSetReader:
             self.__reset()
             raise NameError("Cannot find path '" + directory + "'.")
         self.out_directory = os.path.abspath(directory)
-        try:
-            names = [name for name in os.listdir(self.out_directory) if name.endswith(".out")]
-        except OSError:
-            # A file, or a directory we may not read: nothing can be listed.
+        # A file, or a directory we may not read, has nothing to list either.
+        paths = _list_out_files(self.out_directory) if os.path.isdir(self.out_directory) else None
+        if paths is None:
             self.__reset()
             raise NameError("Cannot find path '" + directory + "'.")
-        # Sorting the bare names gives the order of the full paths (they share
-        # the prefix) and compares much shorter strings.
-        names.sort()
-        prefix = os.path.join(self.out_directory, "")
-        self.dataset_list = [prefix + name for name in names]
+        self.dataset_list = paths
 
     def load_from_hdf5(self, str h5_file_name not None):
         """List the members of the group "out" of an HDF5 file.
@@ -219,9 +340,10 @@ class ZelDataSetWriter:
         self.output_prefix = None
         self.dest_is_h5 = False
 
-    def set_output(self, str output_dest not None):
+    def set_output(self, output_dest):
         """Write to the existing directory ``output_dest`` or into the HDF5
         file ``output_dest`` (".h5", created on the first save if needed)."""
+        output_dest = os.fspath(output_dest)
         if os.path.isdir(output_dest):
             self.output_dest = os.path.abspath(output_dest)
             self.dest_is_h5 = False

@@ -217,3 +217,15 @@ cdef extern from "nimbra/geometry/Fit.h" namespace "nimbra" nogil:
     bool planeFit(RigidTransform&, const ZelDataSet&, bool) except +
     bool rigidTransformFromDisplacement(RigidTransform&, double&, const ZelDataSet&) except +
     void transformDataSet(ZelDataSet&, const RigidTransform&, bool, int32_t)
+
+
+# ------------------------------------------------------------------ data io
+
+cdef extern from "nimbra/io/DirectoryListing.h" namespace "nimbra":
+    cdef cppclass PathList:
+        string text
+        vector[size_t] ends
+    cdef cppclass optional_path_list "std::optional<nimbra::PathList>":
+        bool has_value()
+        PathList& value()
+    optional_path_list listDirectory(const string& directory, const string& suffix) except + nogil

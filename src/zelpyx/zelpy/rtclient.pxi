@@ -7,8 +7,14 @@
 # sends single ASCII bytes.
 
 _RT_HEADER_SIZE = 8
-# Data files are large; read them in big pieces so a 50 MB file takes 50 calls.
+# Data files run to tens of MB: read up to this much per call, so a large
+# file is not taken apart into thousands of small reads.
 _RT_CHUNK_SIZE = 1000000
+
+# A data file announced in a header is given its whole buffer at once up to
+# this size; beyond it the buffer only doubles as bytes arrive, so a corrupt
+# length cannot make the client allocate gigabytes before any data is there.
+_RT_PRESIZE_LIMIT = 256000000
 
 _RT_TYPE_ERROR = 0
 _RT_TYPE_DATA = 3
@@ -193,14 +199,12 @@ class RTClient:
         if message_type == _RT_TYPE_DATA:
             data_set = ZelDataSet()
             data_set.load_from_data(message, "data_" + format(data_set_i, "05d") + "_0.out")
-            handler = self.handlers.get(RTClientMessageType.DATA)
-            if handler is not None:
-                handler(data_set_i, data_set)
+            if RTClientMessageType.DATA in self.handlers:
+                self.handlers[RTClientMessageType.DATA](data_set_i, data_set)
             return data_set_i + 1
         if message_type == _RT_TYPE_ANALOG:
-            handler = self.handlers.get(RTClientMessageType.ANALOG_DATA)
-            if handler is not None:
-                handler(data_set_i, str(message, "utf-8"))
+            if RTClientMessageType.ANALOG_DATA in self.handlers:
+                self.handlers[RTClientMessageType.ANALOG_DATA](data_set_i, str(message, "utf-8"))
             return data_set_i
         if message_type == _RT_TYPE_ERROR:
             raise Exception("Error from server: {}".format(str(message, "utf-8")))
@@ -215,7 +219,9 @@ def _rt_make_room(buf, view, start, end, message_size):
     allocates once.
     """
     pending = end - start
-    needed = max(pending + _RT_CHUNK_SIZE, message_size)
+    needed = pending + _RT_CHUNK_SIZE
+    if message_size <= _RT_PRESIZE_LIMIT:
+        needed = max(needed, message_size)
     if needed <= len(buf):
         # Slide the unread bytes to the front; memoryview copies with memmove.
         view[0:pending] = view[start:end]
