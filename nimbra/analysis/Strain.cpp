@@ -91,30 +91,35 @@ void cross(const double* a, const double* b, double* out) {
 }
 
 // In-plane coordinates of a - c and b - c in the frame of the triangle's own
-// normal n = (a - c) x (b - c): x axis = global y x n, y axis = x axis x n.
-// Neither axis depends on the length of n, so n is not normalised: the frame
-// costs two square roots. Working relative to c keeps the precision of data
-// far from the origin. A degenerate triangle gives NaN here and fails the
-// singularity test of the fit.
-void localEdges(const double* a, const double* b, const double* c, double (&x)[2],
-                double (&y)[2]) {
+// normal n = (a - c) x (b - c): x axis = global y x n, y axis = x axis x n,
+// both normalised. They are returned unscaled, as dot products with the
+// axes ex~ = (n_z, 0, -n_x) and ex~ x n, together with the two lengths that
+// normalise them (x = x~ / |ex~|, y = y~ / (|ex~| |n|)); the caller folds the
+// scales into one division. Working relative to c keeps the precision of data
+// far from the origin.
+struct Edges {
+    double x[2], y[2];
+    double xLength;  // |ex~| = sqrt(n_x^2 + n_z^2)
+    double nLength;  // |n|
+};
+
+Edges localEdges(const double* a, const double* b, const double* c) {
     const double ac[3] = {a[0] - c[0], a[1] - c[1], a[2] - c[2]};
     const double bc[3] = {b[0] - c[0], b[1] - c[1], b[2] - c[2]};
     double n[3];
     cross(ac, bc, n);
     const double xz = n[0] * n[0] + n[2] * n[2];
-    const double rootXz = std::sqrt(xz), length = std::sqrt(xz + n[1] * n[1]);
-    const double invBoth = 1.0 / (rootXz * length);  // one division for both
-    const double invXz = length * invBoth;
-    const double invLength = rootXz * invBoth;
-    const double ex[3] = {n[2] * invXz, 0.0, -n[0] * invXz};
+    const double ex[3] = {n[2], 0.0, -n[0]};
     double ey[3];
-    cross(ex, n, ey);  // |ex x n| = |n| since ex is a unit vector normal to n
-    for (double& v : ey) v *= invLength;
-    x[0] = ex[0] * ac[0] + ex[2] * ac[2];
-    y[0] = ey[0] * ac[0] + ey[1] * ac[1] + ey[2] * ac[2];
-    x[1] = ex[0] * bc[0] + ex[2] * bc[2];
-    y[1] = ey[0] * bc[0] + ey[1] * bc[1] + ey[2] * bc[2];
+    cross(ex, n, ey);
+    Edges e;
+    e.x[0] = ex[0] * ac[0] + ex[2] * ac[2];
+    e.y[0] = ey[0] * ac[0] + ey[1] * ac[1] + ey[2] * ac[2];
+    e.x[1] = ex[0] * bc[0] + ex[2] * bc[2];
+    e.y[1] = ey[0] * bc[0] + ey[1] * bc[1] + ey[2] * bc[2];
+    e.xLength = std::sqrt(xz);
+    e.nLength = std::sqrt(xz + n[1] * n[1]);
+    return e;
 }
 
 // The grid channels the per-point kernel reads.
@@ -305,20 +310,21 @@ bool tensor_biot(double& exx, double& eyy, double& exy, const double* h) {
 
 bool analyze_triang(double* gradient, const double* refA, const double* refB, const double* refC,
                     const double* defA, const double* defB, const double* defC) {
-    double x[2], y[2], xd[2], yd[2];
-    localEdges(refA, refB, refC, x, y);
-    localEdges(defA, defB, defC, xd, yd);
+    const Edges r = localEdges(refA, refB, refC);
+    const Edges d = localEdges(defA, defB, defC);
 
     // The least-squares affine map through three points is their exact
     // interpolation, so the gradient is E' E^-1 with the edge matrices
     // E = [a - c, b - c] in the local frames. The singularity test is that of
     // the normal matrix M = sum [1, x, y]^T [1, x, y] over the centred
-    // points: det M = det(E)^2 and its diagonal is (3, Sxx, Syy).
-    const double det = x[0] * y[1] - x[1] * y[0];
-    const double mx = (x[0] + x[1]) * 0.3333333333333333;
-    const double my = (y[0] + y[1]) * 0.3333333333333333;
-    const double sxx = (x[0] - mx) * (x[0] - mx) + (x[1] - mx) * (x[1] - mx) + mx * mx;
-    const double syy = (y[0] - my) * (y[0] - my) + (y[1] - my) * (y[1] - my) + my * my;
+    // points: det M = det(E)^2 and its diagonal is (3, Sxx, Syy). The test is
+    // unchanged by scaling x or y, so it runs on the unscaled coordinates; a
+    // degenerate triangle (no normal, or a normal along y) gives 0 there.
+    const double det = r.x[0] * r.y[1] - r.x[1] * r.y[0];
+    const double mx = (r.x[0] + r.x[1]) * 0.3333333333333333;
+    const double my = (r.y[0] + r.y[1]) * 0.3333333333333333;
+    const double sxx = (r.x[0] - mx) * (r.x[0] - mx) + (r.x[1] - mx) * (r.x[1] - mx) + mx * mx;
+    const double syy = (r.y[0] - my) * (r.y[0] - my) + (r.y[1] - my) * (r.y[1] - my) + my * my;
     if (!(det * det > kSingularRatio * 3.0 * sxx * syy)) {
         if (!quiet) {
             NIMBRA_LOG(warning) << "Could not invert matrix!!! " << refC[0] - refB[0] << ' '
@@ -326,11 +332,13 @@ bool analyze_triang(double* gradient, const double* refA, const double* refB, co
         }
         return false;
     }
-    const double inv = 1.0 / det;
-    gradient[0] = (xd[0] * y[1] - xd[1] * y[0]) * inv - 1.0;  // dx'/dx - 1
-    gradient[1] = (xd[1] * x[0] - xd[0] * x[1]) * inv;        // dx'/dy
-    gradient[2] = (yd[0] * y[1] - yd[1] * y[0]) * inv;        // dy'/dx
-    gradient[3] = (yd[1] * x[0] - yd[0] * x[1]) * inv - 1.0;  // dy'/dy - 1
+    // E' E^-1 with the scales of both frames folded into one division.
+    const double a = r.xLength, b = r.nLength;
+    const double q = 1.0 / (d.xLength * d.nLength * det);
+    gradient[0] = a * d.nLength * q * (d.x[0] * r.y[1] - d.x[1] * r.y[0]) - 1.0;  // dx'/dx - 1
+    gradient[1] = a * b * d.nLength * q * (d.x[1] * r.x[0] - d.x[0] * r.x[1]);     // dx'/dy
+    gradient[2] = a * q * (d.y[0] * r.y[1] - d.y[1] * r.y[0]);                     // dy'/dx
+    gradient[3] = a * b * q * (d.y[1] * r.x[0] - d.y[0] * r.x[1]) - 1.0;           // dy'/dy - 1
     return true;
 }
 
