@@ -365,19 +365,28 @@ void compute_strain(float* const* strain, float* const* gradient, const float* x
     // Contiguous bands of rows: a point reads the rows above and below it,
     // which then are in the worker's cache already.
     runWorkers(count, [&](int k, int n) {
+        // Private copies: the originals live on the caller's stack, and
+        // reading them through cache lines that worker 0 keeps writing
+        // halved the speed of two workers.
+        const Grid grid = g;
+        float* out[7];
+        std::copy(strain, strain + 3, out);
+        std::copy(gradient, gradient + 4, out + 3);
+        uint8_t* const flags = status.data();
+        const int columns = grid.width, rows = grid.height;
         quiet = true;
-        const int last = static_cast<int>(static_cast<int64_t>(height) * (k + 1) / n);
-        for (int r = static_cast<int>(static_cast<int64_t>(height) * k / n); r < last; ++r) {
-            for (int c = 0; c < width; ++c) {
-                const size_t p = static_cast<size_t>(r) * width + c;
-                if (!g.valid(p)) continue;
+        const int last = static_cast<int>(static_cast<int64_t>(rows) * (k + 1) / n);
+        for (int r = static_cast<int>(static_cast<int64_t>(rows) * k / n); r < last; ++r) {
+            for (int c = 0; c < columns; ++c) {
+                const size_t p = static_cast<size_t>(r) * columns + c;
+                if (!grid.valid(p)) continue;
                 double mean[7];
                 unsigned failed = 0;
-                if (pointStrain(g, r, c, mean, failed) > 0)
-                    storePoint(strain, gradient, p, mean);
+                if (pointStrain(grid, r, c, mean, failed) > 0)
+                    storePoint(out, out + 3, p, mean);
                 else
-                    status[p] |= kNoTriangle;
-                status[p] |= static_cast<uint8_t>(failed);
+                    flags[p] |= kNoTriangle;
+                flags[p] |= static_cast<uint8_t>(failed);
             }
         }
         quiet = false;
@@ -474,13 +483,16 @@ int32_t outputVariable(ZelData& data, const std::string& name, const std::string
 }
 
 // Runs fn(p) for every point, the points split in contiguous ranges over the
-// workers (each point is independent).
+// workers (each point is independent). Each worker runs its own copy of fn
+// (capture by value), so that no worker reads through cache lines of the
+// caller's stack that worker 0 keeps writing.
 template <class Fn>
-void forEachPoint(size_t size, Fn&& fn) {
+void forEachPoint(size_t size, const Fn& fn) {
     const int count = static_cast<int>(std::min<size_t>(resolveWorkerCount(0), size / 65536 + 1));
-    runWorkers(count, [&](int k, int n) {
+    runWorkers(count, [&fn, size](int k, int n) {
+        const Fn body = fn;
         const size_t begin = size * k / n, end = size * (k + 1) / n;
-        for (size_t p = begin; p < end; ++p) fn(p);
+        for (size_t p = begin; p < end; ++p) body(p);
     });
 }
 
@@ -568,7 +580,7 @@ bool computeStrain(ZelData& data, int window, bool principal, bool reuse, bool w
         float* e1 = data.variableValues(i1);
         float* e2 = data.variableValues(i2);
         float* gamma = data.variableValues(ig);
-        forEachPoint(size, [&](size_t p) {
+        forEachPoint(size, [=](size_t p) {
             if (!(confidence[p] >= 0.0f)) {
                 e1[p] = e2[p] = gamma[p] = 0.0f;
                 return;
@@ -586,7 +598,7 @@ bool computeStrain(ZelData& data, int window, bool principal, bool reuse, bool w
         const int32_t it = outputVariable(data, "e_tresca", "Tresca Strain [1] - %0",
                                           "Tresca Strain [1] - " + label, reuse);
         float* out = data.variableValues(it);
-        forEachPoint(size, [&](size_t p) {
+        forEachPoint(size, [=](size_t p) {
             if (!(confidence[p] >= 0.0f)) {
                 out[p] = 0.0f;
                 return;
@@ -608,7 +620,7 @@ bool computeStrain(ZelData& data, int window, bool principal, bool reuse, bool w
         const std::string description = "Von Mises Strain [1] - " + label;
         const int32_t iv = outputVariable(data, "e_vonmises", description, description, reuse);
         float* out = data.variableValues(iv);
-        forEachPoint(size, [&](size_t p) {
+        forEachPoint(size, [=](size_t p) {
             if (!(confidence[p] >= 0.0f)) {
                 out[p] = 0.0f;
                 return;

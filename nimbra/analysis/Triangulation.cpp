@@ -132,7 +132,7 @@ GridTriangulation::GridTriangulation(const ZelDataSet& dataSet, int subSample, i
 }
 
 void GridTriangulation::write(uint32_t* out) const {
-    runWorkers(std::min<int>(workers_, static_cast<int>(bands_.size())), [&](int k, int n) {
+    runWorkers(std::min<int>(workers_, static_cast<int>(bands_.size())), [this, out](int k, int n) {
         for (size_t b = static_cast<size_t>(k); b < bands_.size(); b += static_cast<size_t>(n)) {
             const Band& band = bands_[b];
             uint32_t* cursor = out + 3 * band.start;
