@@ -329,9 +329,9 @@ def test_unknown_names_and_indexes(run_dir):
     ("x/run.h5:out:7", True, "p", "p_run.h5:out:7"),
     ("x/run.h5:out:7", False, "p", "p_run-7_0.out"),
     ("x/run_out.h5:out:007", False, None, "run_out-007_0.out"),
-    ("x/spec-0012_0.out", False, None, "spec-0012_0.out"),
-    ("x/spec_0012_3.out", False, "q", "q_spec-0012_0.out"),
-    ("x/spec-0012_0.out", True, None, "run.h5:out:0012"),
+    ("x/plate-0012_0.out", False, None, "plate-0012_0.out"),
+    ("x/plate_0012_3.out", False, "q", "q_plate-0012_0.out"),
+    ("x/plate-0012_0.out", True, None, "run.h5:out:0012"),
     ("x/a-b-3_1_0.out", False, "", "a-b-3-1_0.out"),
 ])
 def test_output_names(tmp_path, source, h5_dest, prefix, expected):

@@ -550,7 +550,42 @@ cdef class ZelDataSet:
 
     # ---------------------------------------------------------- analysis
 
+    def smooth(self, str variable, int window_size=15, bint weighted=True):
+        """Applies smoothing to a variable"""
+        self.__check_thisptr()
+        _dataset_smooth(self, variable, window_size, weighted)
+
+    def compute_strain(self, int window_size=15, tensor_type=TensorType.LagrangeStrainTensor,
+                       bint compute_principal_strain=True, bint reuse_variables=True,
+                       bint weighted_filter=True, bint compute_tresca=False,
+                       bint compute_von_mises=False, bint output_gradient=False):
+        """Computes the strain over all AOIs in the dataset."""
+        self.__check_thisptr()
+        _dataset_compute_strain(self, window_size, tensor_type, compute_principal_strain,
+                                reuse_variables, weighted_filter, compute_tresca,
+                                compute_von_mises, output_gradient)
+
+    def triangulation(self, int sub_sample=1):
+        """Returns a triangulation for the dataset.
+
+        Returns:
+            A n-by-3 numpy array of triangle indices, where n is the number of triangles.
+        """
+        self.__check_thisptr()
+        return _dataset_triangulation(self, sub_sample)
+
     # ---------------------------------------------------------- geometry
+
+    def transform(self, RigidTransformation rigid_trnasformation not None, cbool displacement_only=False):
+        """Moves every AOI into the coordinate system of ``rigid_trnasformation``.
+
+        Valid points (confidence >= 0) of AOIs with X, Y, Z get position
+        R p + t, displacement R d and SIGMA_i = sum_j R_ij**4 SIGMA_j. With
+        ``displacement_only`` the positions stay and the displacement becomes
+        T(p + d) - p.
+        """
+        self.__check_thisptr()
+        _transform_dataset(self, rigid_trnasformation, displacement_only)
 
 
 cdef object _h5py():

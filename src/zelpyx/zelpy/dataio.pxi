@@ -318,8 +318,8 @@ class ZelDataSetWriter:
     """Writes datasets to a directory (".out" files) or into the group "out"
     of an HDF5 file, optionally with a name prefix.
 
-    A dataset named ``.../spec-0012_0.out`` or ``.../run.h5:out:0012`` is
-    written as ``<dir>/[<prefix>_]spec-0012_0.out`` or
+    A dataset named ``.../plate-0012_0.out`` or ``.../run.h5:out:0012`` is
+    written as ``<dir>/[<prefix>_]plate-0012_0.out`` or
     ``[<prefix>_]<file>.h5:out:0012``.
     """
 

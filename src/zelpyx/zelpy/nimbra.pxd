@@ -118,8 +118,105 @@ cdef extern from "nimbra/data/FileNames.h" namespace "nimbra" nogil:
 
 # ----------------------------------------------------------------- analysis
 
+cdef extern from "nimbra/analysis/Workers.h" namespace "nimbra":
+    int analysisWorkerCount() nogil
+    int setAnalysisWorkerCount(int) nogil
+
+
+cdef extern from "nimbra/analysis/Smoothing.h" namespace "nimbra":
+    bool smoothVariable(ZelDataSet&, const string&, int, bool, uint32_t*) except + nogil
+    void smoothChannels(const vector[float*]&, const vector[const float*]&, const float*,
+                        int, int, int, bool, int) except + nogil
+
+
+cdef extern from "nimbra/analysis/Strain.h" namespace "nimbra":
+    cdef enum TensorType "nimbra::TensorType":
+        LagrangeStrainTensor "nimbra::LagrangeStrainTensor"
+        HenckyStrainTensor "nimbra::HenckyStrainTensor"
+        EulerStrainTensor "nimbra::EulerStrainTensor"
+        LogarithmicEulerTensor "nimbra::LogarithmicEulerTensor"
+        EngineeringStrain "nimbra::EngineeringStrain"
+        BiotStrainTensor "nimbra::BiotStrainTensor"
+    cdef cppclass StrainVariableIndices:
+        int32_t index[7]
+    bool computeStrain(ZelDataSet&, int, bool, bool, bool, TensorType, bool, bool, bool, bool,
+                       vector[StrainVariableIndices]*, bool) except + nogil
+
+
+cdef extern from "nimbra/analysis/Triangulation.h" namespace "nimbra":
+    cdef cppclass GridTriangulation:
+        GridTriangulation(const ZelDataSet&, int, int) except + nogil
+        int64_t size() nogil
+        void write(uint32_t*) nogil
+
+
 
 # ----------------------------------------------------------------- geometry
+
+cdef extern from "nimbra/geometry/Matrix.h" namespace "nimbra" nogil:
+    cdef cppclass Vec3 "std::array<double, 3>":
+        Vec3()
+        double& operator[](size_t)
+    cdef cppclass Mat3 "std::array<double, 9>":
+        Mat3()
+        double& operator[](size_t)
+        double* data()
+    cdef cppclass Quat "std::array<double, 4>":
+        Quat()
+        double& operator[](size_t)
+    cdef cppclass Mat4 "std::array<double, 16>":
+        Mat4()
+        double& operator[](size_t)
+
+
+cdef extern from "nimbra/geometry/Rotation.h" namespace "nimbra" nogil:
+    # Signed in the library, so any int value converts and only values beyond
+    # its range raise OverflowError.
+    cdef enum RotationAngleType "nimbra::Rotation::AngleType":
+        RotationRad "nimbra::Rotation::Rad"
+        RotationDeg "nimbra::Rotation::Deg"
+
+    cdef cppclass Rotation:
+        Rotation() except +
+        Rotation(const Rotation&) except +
+        Rotation(double, double, double, RotationAngleType) except +
+        Rotation(const Rotation&, const Rotation&) except +
+        Rotation& assign "operator="(const Rotation&)
+        void setAngles(double, double, double, RotationAngleType)
+        Vec3 angles(RotationAngleType)
+        void setMatrix(const double*)
+        Mat3 matrix()
+        void setRotationVector(const Vec3&)
+        Vec3 rotationVector()
+        void setQuaternion(const Quat&)
+        Quat quaternion()
+        void loadIdentity()
+        void invert()
+        Vec3 apply(const Vec3&)
+
+
+cdef extern from "nimbra/geometry/RigidTransform.h" namespace "nimbra" nogil:
+    cdef cppclass RigidTransform:
+        RigidTransform() except +
+        RigidTransform(const RigidTransform&) except +
+        RigidTransform(const Rotation&, const Vec3&) except +
+        RigidTransform(const RigidTransform&, const RigidTransform&) except +
+        RigidTransform& assign "operator="(const RigidTransform&)
+        void setRotation(const Rotation&)
+        const Rotation& rotation()
+        void setTranslation(const Vec3&)
+        const Vec3& translation()
+        Vec3 apply(const Vec3&)
+        void invert()
+        Mat4 matrix4()
+
+
+cdef extern from "nimbra/geometry/Fit.h" namespace "nimbra" nogil:
+    bool fitRigidTransform(RigidTransform&, double&, const vector[Vec3]&,
+                           const vector[Vec3]&, int32_t) except +
+    bool planeFit(RigidTransform&, const ZelDataSet&, bool) except +
+    bool rigidTransformFromDisplacement(RigidTransform&, double&, const ZelDataSet&) except +
+    void transformDataSet(ZelDataSet&, const RigidTransform&, bool, int32_t)
 
 
 # ------------------------------------------------------------------ data io

@@ -1,0 +1,367 @@
+"""Real-time client throughput and overhead, over loopback.
+
+The streaming server runs in a child process (so it does not share the GIL
+with the client) and serves data files from memory. Figures:
+
+1. Sustained receive: RTClient receiving 1,000 data files of 1 MB and 50 of
+   50 MB (each decoded into a ZelDataSet), against a plain socket reading the
+   same stream from the same server in the same run; the client's CPU time
+   per data file.
+2. Buffer handling: time per MB for messages of 10 MB and 100 MB (analog
+   data, so no decoding is involved); equal figures mean receiving costs
+   O(message size). The same for a plain socket and for a listener that
+   concatenates and slices a bytes object, for contrast.
+3. The cost of the listener's polling loop: how much a connected but idle
+   client slows CPU-bound numpy work on the main thread.
+
+Usage: python bench/bench_rt.py [--quick]
+"""
+
+import argparse
+import os
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+import numpy as np
+
+import zelpy
+from zelpy import RTClient, RTClientMessageType, ZelDataSet, ZelDataVariableType
+
+HEADER = 8
+TIMEOUT = 300.0
+VARIABLES = 6
+
+SERVER_CODE = """
+import sys
+from zelpy.rtserver import RTServer
+blocks = [open(path, "rb").read() for path in sys.argv[1:]]
+server = RTServer(blocks, host="127.0.0.1", port=0, loop=True).start()
+print(server.port, flush=True)
+sys.stdin.read()
+server.stop()
+"""
+
+
+def make_block(megabytes, seed=0):
+    """A data file of about `megabytes` MB: one square AOI, six variables."""
+    points = int(megabytes * 1e6 / (4 * VARIABLES))
+    side = max(1, int(points ** 0.5))
+    rng = np.random.default_rng(seed)
+    ds = ZelDataSet()
+    ds.add_aoi(side, side, "bench")
+    kinds = [ZelDataVariableType.PixelCoordinate, ZelDataVariableType.PixelCoordinate,
+             ZelDataVariableType.PixelDisplacement, ZelDataVariableType.PixelDisplacement,
+             ZelDataVariableType.Correlation, ZelDataVariableType.Strain]
+    for n, kind in enumerate(kinds):
+        ds.add_variable("v%d" % n, "variable %d" % n, kind,
+                        rng.random(side * side, dtype=np.float32))
+    return ds.export_raw()
+
+
+class Server:
+    """The shipped server in a child process, looping over one block."""
+
+    def __init__(self, path):
+        self.process = subprocess.Popen([sys.executable, "-c", SERVER_CODE, path],
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self.port = int(self.process.stdout.readline())
+
+    def close(self):
+        self.process.stdin.close()
+        self.process.wait(timeout=60)
+
+
+def plain_socket(port, count, size):
+    """Read `count` messages of `size` payload bytes as fast as Python can."""
+    total = count * (size + HEADER)
+    buf = bytearray(1 << 20)
+    view = memoryview(buf)
+    with socket.create_connection(("127.0.0.1", port), timeout=TIMEOUT) as sock:
+        t0 = time.perf_counter()
+        c0 = time.process_time()
+        sock.sendall(b"S")
+        got = 0
+        while got < total:
+            n = sock.recv_into(view, min(len(buf), total - got))
+            if n == 0:
+                raise ConnectionError("server went away")
+            got += n
+        elapsed = time.perf_counter() - t0
+        cpu = time.process_time() - c0
+        sock.sendall(b"P")
+    return elapsed, cpu
+
+
+def rt_client(port, count):
+    """Receive `count` data files with RTClient; every one is decoded."""
+    done = threading.Event()
+    seen = [0]
+
+    def on_data(i, ds):
+        seen[0] = i + 1
+        if i + 1 == count:
+            done.set()
+
+    client = RTClient("127.0.0.1", port)
+    client.register_handler(RTClientMessageType.DATA, on_data)
+    with client:
+        client.connect()
+        t0 = time.perf_counter()
+        c0 = time.process_time()
+        client.request_start_data_streaming()
+        if not done.wait(TIMEOUT):
+            raise RuntimeError("only %d of %d data files arrived" % (seen[0], count))
+        elapsed = time.perf_counter() - t0
+        cpu = time.process_time() - c0
+        client.request_stop_data_streaming()
+    return elapsed, cpu
+
+
+def decode_alone(block, count):
+    """Decoding `count` copies of a block into fresh datasets, on a thread of
+    its own as the listener does (its allocator arena behaves differently
+    from the main thread's)."""
+    elapsed = [0.0]
+
+    def work():
+        t0 = time.perf_counter()
+        for _ in range(count):
+            ds = ZelDataSet()
+            ds.load_from_data(block, "bench.out")
+            del ds
+        elapsed[0] = time.perf_counter() - t0
+
+    thread = threading.Thread(target=work)
+    thread.start()
+    thread.join()
+    return elapsed[0]
+
+
+def naive_listener(port, count, size):
+    """The obvious listener: a bytes buffer that grows by concatenation and
+    is sliced after each message. Returns the seconds for `count` messages."""
+    import select
+    with socket.create_connection(("127.0.0.1", port), timeout=TIMEOUT) as sock:
+        sock.setblocking(False)
+        t0 = time.perf_counter()
+        sock.sendall(b"S")
+        buffer = b""
+        seen = 0
+        while seen < count:
+            select.select([sock], [], [], TIMEOUT)
+            try:
+                buffer += sock.recv(1000000)
+            except BlockingIOError:
+                continue
+            while len(buffer) >= HEADER:
+                length = int.from_bytes(buffer[0:4], sys.byteorder) + HEADER
+                if length > len(buffer):
+                    break
+                message = buffer[HEADER:length]
+                buffer = buffer[length:]
+                seen += 1
+        elapsed = time.perf_counter() - t0
+        sock.setblocking(True)
+        sock.sendall(b"P")
+    return elapsed
+
+
+def throughput(tmp, megabytes, count, repeats):
+    path = os.path.join(tmp, "block-%d.out" % megabytes)
+    block = make_block(megabytes)
+    with open(path, "wb") as f:
+        f.write(block)
+    size = len(block)
+    decode = min(decode_alone(block, min(count, 50)) for _ in range(repeats)) / min(count, 50)
+    del block
+    server = Server(path)
+    try:
+        best_plain = best_rt = None
+        for _ in range(repeats):
+            plain = plain_socket(server.port, count, size)
+            rt = rt_client(server.port, count)
+            best_plain = plain if best_plain is None or plain[0] < best_plain[0] else best_plain
+            best_rt = rt if best_rt is None or rt[0] < best_rt[0] else best_rt
+    finally:
+        server.close()
+        os.remove(path)
+    mb = count * (size + HEADER) / 1e6
+    plain_rate = mb / best_plain[0]
+    rt_rate = mb / best_rt[0]
+    decode_rate = size / 1e6 / decode
+    # What reading and decoding one after the other on one thread allows.
+    bound = 1.0 / (1.0 / plain_rate + 1.0 / decode_rate)
+    print("%4d x %6.2f MB  plain socket %7.0f MB/s   RTClient %7.0f MB/s   ratio %.2f   "
+          "client CPU %.2f ms/data file (plain socket %.2f ms)"
+          % (count, size / 1e6, plain_rate, rt_rate, rt_rate / plain_rate,
+             1e3 * best_rt[1] / count, 1e3 * best_plain[1] / count))
+    print("                 decoding alone %.2f ms/data file (%.0f MB/s); plain socket then "
+          "decode in turn: %.0f MB/s; RTClient reaches %.2f of that"
+          % (1e3 * decode, decode_rate, bound, rt_rate / bound))
+    return size, best_rt
+
+
+TEXT_SERVER_CODE = """
+import socket, struct, sys
+size, count = int(sys.argv[1]), int(sys.argv[2])
+payload = b"x" * size
+header = struct.pack("=II", size, 6)
+listener = socket.socket()
+listener.bind(("127.0.0.1", 0))
+listener.listen(4)
+print(listener.getsockname()[1], flush=True)
+while True:
+    conn, _ = listener.accept()
+    if conn.recv(1) != b"S":
+        conn.close()
+        break
+    try:
+        for _ in range(count):
+            conn.sendall(header)
+            conn.sendall(payload)
+        conn.recv(1)
+    except OSError:
+        pass
+    conn.close()
+"""
+
+
+def text_stream_rates(megabytes, count):
+    """Seconds per MB for RTClient, a plain socket and the naive listener on
+    a stream of large analog-data messages: framing cost without decoding."""
+    size = int(megabytes * 1e6)
+    process = subprocess.Popen([sys.executable, "-c", TEXT_SERVER_CODE, str(size), str(count)],
+                               stdout=subprocess.PIPE, text=True)
+    port = int(process.stdout.readline())
+    try:
+        done = threading.Event()
+        seen = [0]
+
+        def on_text(i, text):
+            seen[0] += 1
+            if seen[0] == count:
+                done.set()
+
+        client = RTClient("127.0.0.1", port)
+        client.register_handler(RTClientMessageType.ANALOG_DATA, on_text)
+        with client:
+            client.connect()
+            t0 = time.perf_counter()
+            client.request_start_data_streaming()
+            if not done.wait(TIMEOUT):
+                raise RuntimeError("analog messages missing")
+            rt = time.perf_counter() - t0
+        plain = plain_socket(port, count, size)[0]
+        # Two messages are enough to see it, and more take minutes.
+        naive_count = min(count, 2)
+        naive = naive_listener(port, naive_count, size) * count / naive_count
+        with socket.create_connection(("127.0.0.1", port), timeout=TIMEOUT) as stop:
+            stop.sendall(b"Q")
+    finally:
+        process.wait(timeout=60)
+    mb = count * size / 1e6
+    return rt / mb, plain / mb, naive / mb
+
+
+def text_alone(megabytes, count):
+    """Seconds per MB for only turning payloads into str, as the listener does
+    for analog data: the part of the framing figure that is not the buffer."""
+    size = int(megabytes * 1e6)
+    view = memoryview(bytearray(b"x" * size))
+    elapsed = [0.0]
+
+    def work():
+        t0 = time.perf_counter()
+        for _ in range(count):
+            text = str(view[0:size], "utf-8")
+            del text
+        elapsed[0] = time.perf_counter() - t0
+
+    thread = threading.Thread(target=work)
+    thread.start()
+    thread.join()
+    view.release()
+    return elapsed[0] / (count * size / 1e6)
+
+
+def linearity(tmp, repeats):
+    rows = {}
+    # Enough messages that the one-off growth of the buffer is spread thin.
+    for megabytes, count in ((10, 50), (100, 5)):
+        rows[megabytes] = min((text_stream_rates(megabytes, count) for _ in range(repeats)),
+                              key=lambda r: r[0])
+    for n, name in enumerate(("RTClient", "plain socket", "growing bytes buffer")):
+        print("framing, %-20s %.3f ms/MB with 10 MB messages, %.3f ms/MB with 100 MB "
+              "messages, ratio %.2f (1.0 = linear)"
+              % (name, 1e3 * rows[10][n], 1e3 * rows[100][n], rows[100][n] / rows[10][n]))
+    small, large = text_alone(10, 50), text_alone(100, 5)
+    print("  of which making the str of each payload alone: %.3f ms/MB and %.3f ms/MB "
+          "(fresh memory for every large str)" % (1e3 * small, 1e3 * large))
+
+
+def numpy_work(kind):
+    if kind == "small arrays":
+        # Many short numpy calls: the main thread holds the GIL almost all the time.
+        a = np.linspace(0.0, 1.0, 64)
+        t0 = time.perf_counter()
+        for _ in range(600000):
+            a = np.sin(a) * 0.5 + 0.25
+        return time.perf_counter() - t0
+    # Few long calls that release the GIL inside numpy.
+    a = np.linspace(0.0, 1.0, 4_000_000)
+    t0 = time.perf_counter()
+    for _ in range(40):
+        a = np.sin(a) * 0.5 + 0.25
+    return time.perf_counter() - t0
+
+
+def idle_cost(tmp, repeats):
+    listener = socket.socket()
+    listener.bind(("127.0.0.1", 0))
+    listener.listen(1)
+    port = listener.getsockname()[1]
+    try:
+        for kind in ("small arrays", "large arrays"):
+            alone = min(numpy_work(kind) for _ in range(repeats))
+            client = RTClient("127.0.0.1", port)
+            client.connect()
+            conn, _ = listener.accept()
+            try:
+                with_client = min(numpy_work(kind) for _ in range(repeats))
+                c0 = time.process_time()
+                time.sleep(1.0)
+                idle_cpu = time.process_time() - c0
+            finally:
+                client.disconnect()
+                conn.close()
+            print("numpy on the main thread (%s): alone %.3f s, with an idle connected client "
+                  "%.3f s, slowdown x%.2f; the idle listener alone uses %.0f%% of a core"
+                  % (kind, alone, with_client, with_client / alone, 100 * idle_cpu))
+    finally:
+        listener.close()
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--quick", action="store_true", help="fewer and smaller runs")
+    args = parser.parse_args()
+    repeats = 1 if args.quick else 2
+    print("zelpy %s, python %s, %d CPUs" % (zelpy.__version__, sys.version.split()[0],
+                                            os.cpu_count()))
+    with tempfile.TemporaryDirectory() as tmp:
+        if args.quick:
+            throughput(tmp, 1, 100, repeats)
+            throughput(tmp, 50, 5, repeats)
+        else:
+            throughput(tmp, 1, 1000, repeats)
+            throughput(tmp, 50, 50, repeats)
+        linearity(tmp, repeats)
+        idle_cost(tmp, 3)
+
+
+if __name__ == "__main__":
+    main()

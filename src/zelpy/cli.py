@@ -1,0 +1,819 @@
+"""The ``zelpy`` command: batch work on series of measurement data files.
+
+Every subcommand reports problems as one line on standard error and a
+non-zero exit status: 1 when something failed (a source that cannot be read,
+an unknown variable, some datasets that could not be processed), 2 for a
+command line that does not parse, 130 when interrupted with Ctrl-C.
+"""
+
+from __future__ import annotations
+
+import argparse
+import contextlib
+import glob
+import os
+import signal
+import sys
+import tempfile
+import threading
+
+EXIT_FAILED = 1
+EXIT_USAGE = 2
+EXIT_INTERRUPTED = 130
+
+TENSORS = {
+    "lagrange": "LagrangeStrainTensor",
+    "hencky": "HenckyStrainTensor",
+    "euler": "EulerStrainTensor",
+    "log-euler": "LogarithmicEulerTensor",
+    "engineering": "EngineeringStrain",
+    "biot": "BiotStrainTensor",
+}
+
+
+class CliError(Exception):
+    """A failure that ends the command with one line on standard error."""
+
+
+class DatasetError(Exception):
+    """One dataset failed; the others go on."""
+
+
+# ----------------------------------------------------------------- helpers
+
+def _say(message: str) -> None:
+    """A line on standard error that does not tear a progress bar."""
+    try:
+        from tqdm import tqdm
+        tqdm.write(message, file=sys.stderr)
+    except ImportError:
+        print(message, file=sys.stderr)
+
+
+@contextlib.contextmanager
+def _library_messages():
+    """Collect what the compiled library writes to standard error.
+
+    The library logs its own diagnostics (a decoder complaint, for example)
+    straight to file descriptor 2. The command folds them into its own
+    one-line messages instead of letting them interleave with its output.
+    """
+    lines: list[str] = []
+    try:
+        sys.stderr.flush()
+        saved = os.dup(2)
+    except (OSError, ValueError, AttributeError):
+        yield lines
+        return
+    with tempfile.TemporaryFile() as sink:
+        os.dup2(sink.fileno(), 2)
+        try:
+            yield lines
+        finally:
+            try:
+                sys.stderr.flush()
+            except (OSError, ValueError):
+                pass
+            os.dup2(saved, 2)
+            os.close(saved)
+            sink.seek(0)
+            text = sink.read().decode("utf-8", "replace")
+            lines.extend(line.strip() for line in text.splitlines() if line.strip())
+
+
+@contextlib.contextmanager
+def _deferred_interrupt():
+    """Hold Ctrl-C until the block is done, so no file is left half-written."""
+    if threading.current_thread() is not threading.main_thread():
+        yield
+        return
+    caught = []
+    previous = signal.signal(signal.SIGINT, lambda signum, frame: caught.append(signum))
+    try:
+        yield
+    finally:
+        signal.signal(signal.SIGINT, previous)
+    if caught:
+        raise KeyboardInterrupt
+
+
+_bar_stream = None
+
+
+def _progress(total: int, desc: str, quiet: bool):
+    """A progress bar on standard error (shown only on a terminal)."""
+    global _bar_stream
+    try:
+        from tqdm import tqdm
+    except ImportError:
+        return _NoBar()
+    if _bar_stream is None:
+        # The bar keeps its own handle on the terminal: while the library's
+        # messages are being collected, descriptor 2 points elsewhere.
+        try:
+            sys.stderr.flush()
+            _bar_stream = os.fdopen(os.dup(2), "w", buffering=1,
+                                    encoding=getattr(sys.stderr, "encoding", None) or "utf-8",
+                                    errors="replace")
+        except (OSError, ValueError, AttributeError):
+            _bar_stream = sys.stderr
+    return tqdm(total=total, desc=desc, unit="dataset", file=_bar_stream,
+                disable=True if quiet else None, dynamic_ncols=True)
+
+
+class _NoBar:
+    def update(self, n=1):
+        pass
+
+    def close(self):
+        pass
+
+
+def _detail(exc: BaseException, lines: list[str]) -> str:
+    return "; ".join(lines) if lines else str(exc)
+
+
+def _short(name: str) -> str:
+    """A dataset name as a user recognises it (file, or file:out:key)."""
+    if ":out:" in name:
+        path, key = name.split(":out:", 1)
+        return f"{os.path.basename(path)}:out:{key}"
+    return name
+
+
+def open_source(source: str):
+    """A ZelDataSetReader over SOURCE with at least one dataset."""
+    import zelpy
+
+    if not os.path.exists(source) and not glob.glob(source):
+        raise CliError(f"{source}: no such file or directory")
+    try:
+        with _library_messages() as lines:
+            reader = zelpy.ZelDataSetReader(source)
+    except Exception as exc:  # the reader's own classes vary by source kind
+        raise CliError(f"{source}: {_detail(exc, lines)}") from None
+    if not reader.get_dataset_list():
+        raise CliError(f"{source}: no datasets found")
+    return reader
+
+
+def load_dataset(reader, name: str):
+    try:
+        with _library_messages() as lines:
+            return reader.dataset(name)
+    except Exception as exc:
+        raise DatasetError(f"{name}: cannot be read: {_detail(exc, lines)}") from None
+
+
+def _pick(reader, index: int) -> str:
+    names = reader.get_dataset_list()
+    try:
+        return names[index]
+    except IndexError:
+        raise CliError(f"dataset index {index} out of range: the source has "
+                       f"{len(names)} dataset(s)") from None
+
+
+def _source_dir(reader, source: str) -> str:
+    where = reader.get_data_source()
+    if where and os.path.isfile(where):
+        return os.path.dirname(where)
+    if where:
+        return where
+    first = reader.get_dataset_list()[0].split(":out:")[0]
+    return os.path.dirname(os.path.abspath(first))
+
+
+def _finish(command: str, failed: int, total: int) -> int:
+    if failed:
+        print(f"zelpy {command}: {failed} of {total} datasets failed", file=sys.stderr)
+        return EXIT_FAILED
+    return 0
+
+
+def _interrupted(command: str, done: int, total: int) -> int:
+    print(f"zelpy {command}: interrupted; {done} of {total} datasets finished, "
+          "the others unchanged", file=sys.stderr)
+    return EXIT_INTERRUPTED
+
+
+# -------------------------------------------------------------------- demo
+
+def cmd_demo(args) -> int:
+    from zelpy import demo
+
+    try:
+        import matplotlib  # noqa: F401
+        plot = not args.no_plot
+    except ImportError:
+        plot = False
+        if not args.no_plot:
+            print("zelpy demo: matplotlib is not installed, so no plot is made "
+                  "(pip install \"zelpy[demo]\")", file=sys.stderr)
+    series = demo.DemoSeries(size=args.size, steps=args.steps, seed=args.seed,
+                             max_stress=args.stress)
+    bar = _progress(series.steps, "demo", args.quiet)
+    try:
+        with _library_messages() as lines:
+            result = demo.run_demo(args.directory, series, window=args.window,
+                                   plot=plot, progress=lambda i, n: bar.update(1))
+    except Exception as exc:
+        raise CliError(f"demo failed: {_detail(exc, lines)}") from None
+    finally:
+        bar.close()
+
+    plate = series.plate
+    share = 100.0 * result.valid_points / result.points
+    print(f"Plate with a central hole (radius {plate.radius:g} mm) under uniaxial "
+          f"tension, E = {plate.young / 1000:g} GPa, nu = {plate.poisson:g}")
+    print(f"  datasets      {result.datasets} (remote stress 0 to {result.stress:g} MPa)")
+    print(f"  points        {result.points} per dataset, {share:.1f} % valid "
+          f"(hole and a {series.margin:g} mm margin masked)")
+    print(f"  strain        Lagrange, window {result.window}, principal and von Mises")
+    print(f"  peak e1       {result.peak_e1:.6f} at X = {result.peak_xy[0]:.2f} mm, "
+          f"Y = {result.peak_xy[1]:.2f} mm")
+    print(f"  closed form   {result.closed_form_at_peak:.6f} at that point; "
+          f"{result.closed_form_peak:.6f} = Kt * S / E = 3 * {result.stress:g} / "
+          f"{plate.young:g} at the hole edge")
+    print(f"  ratio         {result.peak_e1 / result.closed_form_peak:.3f} of the "
+          f"edge value (the edge itself is not measured)")
+    print(f"  e2 there      {result.e2_at_peak:.6f}, closed form {result.closed_form_e2:.6f} "
+          f"(-3 * nu * S / E = {-3 * plate.poisson * result.stress / plate.young:.6f} "
+          f"at the edge)")
+    print(f"  wrote         {result.h5_path}")
+    if result.png_path:
+        print(f"                {result.png_path}")
+    print(f"  time          {result.seconds:.2f} s")
+    return 0
+
+
+# -------------------------------------------------------------------- info
+
+def cmd_info(args) -> int:
+    import numpy as np
+    from zelpy.export import valid_mask
+
+    reader = open_source(args.source)
+    names = reader.get_dataset_list()
+    detail_name = _pick(reader, args.dataset)
+    where = reader.get_data_source() or os.path.abspath(args.source)
+    kind = ("HDF5 file" if reader.h5_file_path else
+            "directory" if reader.out_directory else "files")
+    print(f"{where}: {kind}, {len(names)} dataset(s)")
+    failed = 0
+    detail = None
+    for i, name in enumerate(names):
+        try:
+            ds = load_dataset(reader, name)
+        except DatasetError as exc:
+            _say(f"zelpy info: {exc}")
+            failed += 1
+            continue
+        valid = valid_mask(ds)
+        grids = ", ".join(f"{ds.data(n).num_rows()}x{ds.data(n).num_columns()}"
+                          for n in range(ds.num_data()))
+        share = 100.0 * valid.mean() if valid.size else 0.0
+        print(f"  [{i}] {_short(name)}: {ds.num_data()} AOI ({grids}), "
+              f"{valid.size} points, {share:.1f} % valid")
+        if name == detail_name:
+            detail = ds
+    if detail is not None:
+        print(f"variables of [{names.index(detail_name)}] {_short(detail_name)}:")
+        valid = valid_mask(detail)
+        vars_ = detail.variables()
+        values = detail.get_values(vars_) if vars_ else None
+        width = max((len(v) for v in vars_), default=4)
+        for v, desc, typ in zip(vars_, detail.variables_descriptions(),
+                                detail.variables_types()):
+            col = values[v][valid] if valid.any() else values[v]
+            lo, hi = (float(np.min(col)), float(np.max(col))) if col.size else (0.0, 0.0)
+            print(f"  {v:<{width}}  {typ.name:<19} {desc!r:<28} "
+                  f"[{lo:.6g}, {hi:.6g}]")
+    return _finish("info", failed, len(names))
+
+
+# ------------------------------------------------------------------ strain
+
+def _strain_options(args) -> dict:
+    return dict(window_size=args.window, tensor=TENSORS[args.tensor],
+                compute_principal_strain=not args.no_principal,
+                reuse_variables=not args.no_reuse,
+                weighted_filter=not args.unweighted,
+                compute_tresca=args.tresca, compute_von_mises=args.von_mises,
+                output_gradient=args.gradient)
+
+
+def _compute_strain(ds, options: dict) -> None:
+    import zelpy
+
+    opts = dict(options)
+    opts["tensor_type"] = getattr(zelpy.TensorType, opts.pop("tensor"))
+    with _library_messages() as lines:
+        try:
+            ds.compute_strain(**opts)
+        except Exception as exc:
+            error = _detail(exc, lines) if lines else str(exc)
+            raise DatasetError(f"{ds.file_name()}: strain failed: {error}") from None
+
+
+def _worker_init() -> None:
+    # Ctrl-C is the parent's business: it stops handing out work and lets
+    # the workers finish or be dropped; they never write files.
+    signal.signal(signal.SIGINT, signal.SIG_IGN)
+
+
+def _strain_job(name: str, raw: bytes, options: dict):
+    """Runs in a worker process: strain on one encoded dataset."""
+    import zelpy
+
+    ds = zelpy.ZelDataSet()
+    try:
+        ds.load_from_data(raw, name)
+        _compute_strain(ds, options)
+    except DatasetError as exc:
+        return name, False, str(exc)
+    except Exception as exc:
+        return name, False, f"{name}: {exc}"
+    return name, True, ds.export_raw()
+
+
+def _make_writer(reader, dest: str | None):
+    """A function that stores a dataset: in place, or under DEST."""
+    import zelpy
+
+    if dest is None:
+        # In place keeps every file under its own name, including names the
+        # writer would spell differently (plate_0001_0.out, say).
+        def save(ds):
+            ds.save(ds.file_name())
+        return save
+    if not dest.endswith(".h5"):
+        if os.path.exists(dest) and not os.path.isdir(dest):
+            raise CliError(f"{dest}: the destination must be a directory or an .h5 file")
+        os.makedirs(dest, exist_ok=True)
+    else:
+        parent = os.path.dirname(os.path.abspath(dest))
+        if not os.path.isdir(parent):
+            raise CliError(f"{parent}: no such directory")
+    try:
+        writer = zelpy.ZelDataSetWriter(output_dest=dest)
+    except Exception as exc:
+        raise CliError(f"{dest}: {exc}") from None
+    return writer.save
+
+
+def _store(save, ds, name: str) -> None:
+    try:
+        with _deferred_interrupt(), _library_messages() as lines:
+            save(ds)
+    except KeyboardInterrupt:
+        raise
+    except UnboundLocalError:
+        raise DatasetError(f"{name}: no output name can be made from this file name "
+                           "(expected NAME-INDEX_0.out or NAME_INDEX_0.out)") from None
+    except Exception as exc:
+        raise DatasetError(f"{name}: cannot be written: {_detail(exc, lines)}") from None
+
+
+def cmd_strain(args) -> int:
+    import zelpy
+
+    reader = open_source(args.source)
+    names = list(reader.get_dataset_list())
+    save = _make_writer(reader, args.output)
+    options = _strain_options(args)
+    total = len(names)
+    failed = done = 0
+    bar = _progress(total, "strain", args.quiet)
+    try:
+        if args.jobs <= 1 or total == 1:
+            for name in names:
+                try:
+                    ds = load_dataset(reader, name)
+                    _compute_strain(ds, options)
+                    _store(save, ds, name)
+                except DatasetError as exc:
+                    _say(f"zelpy strain: {exc}")
+                    failed += 1
+                done += 1
+                bar.update(1)
+        else:
+            for ok in _strain_parallel(reader, names, options, save, args.jobs):
+                failed += not ok
+                done += 1
+                bar.update(1)
+    except KeyboardInterrupt:
+        bar.close()
+        return _interrupted("strain", done - failed, total)
+    bar.close()
+    return _finish("strain", failed, total)
+
+
+def _strain_parallel(reader, names, options, save, jobs):
+    """Yields True/False per finished dataset.
+
+    All file access stays in this process (an HDF5 file may not be opened
+    for writing here while a worker reads it), and only a few datasets are
+    in flight at a time so memory stays bounded.
+    """
+    import multiprocessing
+    from concurrent.futures import FIRST_COMPLETED, ProcessPoolExecutor, wait
+
+    import zelpy
+
+    context = multiprocessing.get_context("spawn")
+    pool = ProcessPoolExecutor(max_workers=jobs, mp_context=context,
+                               initializer=_worker_init)
+    pending = set()
+    queue = list(names)
+    clean = False
+    try:
+        while queue or pending:
+            while queue and len(pending) < 2 * jobs:
+                name = queue.pop(0)
+                try:
+                    raw = load_dataset(reader, name).export_raw()
+                except DatasetError as exc:
+                    _say(f"zelpy strain: {exc}")
+                    yield False
+                    continue
+                pending.add(pool.submit(_strain_job, name, raw, options))
+            if not pending:
+                continue
+            finished, pending = wait(pending, return_when=FIRST_COMPLETED)
+            for future in finished:
+                name, ok, payload = future.result()
+                if not ok:
+                    _say(f"zelpy strain: {payload}")
+                    yield False
+                    continue
+                ds = zelpy.ZelDataSet()
+                ds.load_from_data(payload, name)
+                try:
+                    _store(save, ds, name)
+                except DatasetError as exc:
+                    _say(f"zelpy strain: {exc}")
+                    yield False
+                    continue
+                yield True
+        clean = True
+    finally:
+        # On Ctrl-C, queued work is dropped; running workers only compute,
+        # so nothing on disk depends on them.
+        pool.shutdown(wait=clean, cancel_futures=True)
+
+
+# ----------------------------------------------------------------- convert
+
+def cmd_convert(args) -> int:
+    reader = open_source(args.source)
+    src = reader.get_data_source()
+    if src and os.path.abspath(args.dest) == os.path.abspath(src):
+        raise CliError(f"{args.dest}: source and destination are the same")
+    save = _make_writer(reader, args.dest)
+    names = reader.get_dataset_list()
+    failed = done = 0
+    bar = _progress(len(names), "convert", args.quiet)
+    try:
+        for name in names:
+            try:
+                _store(save, load_dataset(reader, name), name)
+            except DatasetError as exc:
+                _say(f"zelpy convert: {exc}")
+                failed += 1
+            done += 1
+            bar.update(1)
+    except KeyboardInterrupt:
+        bar.close()
+        return _interrupted("convert", done - failed, len(names))
+    bar.close()
+    return _finish("convert", failed, len(names))
+
+
+# ------------------------------------------------------------------ export
+
+def _selected(reader, indices) -> list[str]:
+    if not indices:
+        return list(reader.get_dataset_list())
+    return [_pick(reader, i) for i in indices]
+
+
+def cmd_export(args) -> int:
+    import zelpy
+    from zelpy import export
+
+    reader = open_source(args.source)
+    names = _selected(reader, args.dataset)
+    outdir = args.output or _source_dir(reader, args.source)
+    os.makedirs(outdir, exist_ok=True)
+    ext = "." + args.format
+    written, failed = [], 0
+    variables = args.variables
+    bar = _progress(len(names), "export", args.quiet)
+    try:
+        for name in names:
+            try:
+                ds = load_dataset(reader, name)
+                if variables is None:
+                    variables = ds.variables()
+                elif not written and not failed:
+                    # A misspelt variable is a mistake on the command line,
+                    # not a problem of one dataset: stop before writing.
+                    try:
+                        export.check_variables(ds, variables)
+                    except KeyError as exc:
+                        raise CliError(exc.args[0]) from None
+                path = os.path.join(outdir, os.path.basename(
+                    zelpy.change_file_extension(name, ext)))
+                with _deferred_interrupt(), _library_messages() as lines:
+                    try:
+                        if args.format == "csv":
+                            export.write_csv(ds, path, variables, args.all_points)
+                        else:
+                            export.write_vtu(ds, path, variables)
+                    except (KeyError, ValueError, OSError) as exc:
+                        msg = exc.args[0] if isinstance(exc, KeyError) else _detail(exc, lines)
+                        raise DatasetError(f"{name}: {msg}") from None
+                written.append(path)
+            except DatasetError as exc:
+                _say(f"zelpy export: {exc}")
+                failed += 1
+            bar.update(1)
+        if args.format == "vtu" and len(written) > 1:
+            stem = os.path.splitext(os.path.basename(
+                reader.get_data_source() or written[0]))[0]
+            export.write_pvd(os.path.join(outdir, stem + ".pvd"), written)
+    except KeyboardInterrupt:
+        bar.close()
+        return _interrupted("export", len(written), len(names))
+    bar.close()
+    if not args.quiet:
+        print(f"wrote {len(written)} {args.format.upper()} file(s) to {os.path.abspath(outdir)}")
+    return _finish("export", failed, len(names))
+
+
+# -------------------------------------------------------------------- plot
+
+def _size(text: str) -> tuple[int, int]:
+    try:
+        w, h = (int(v) for v in text.lower().split("x"))
+    except ValueError:
+        raise argparse.ArgumentTypeError(f"expected WIDTHxHEIGHT in pixels, got '{text}'")
+    if not (16 <= w <= 20000 and 16 <= h <= 20000):
+        raise argparse.ArgumentTypeError(f"size out of range: '{text}'")
+    return w, h
+
+
+def cmd_plot(args) -> int:
+    from zelpy import export
+
+    try:
+        import matplotlib  # noqa: F401
+    except ImportError:
+        raise CliError("plotting needs matplotlib: pip install \"zelpy[demo]\"") from None
+    reader = open_source(args.source)
+    name = _pick(reader, args.dataset)
+    try:
+        ds = load_dataset(reader, name)
+    except DatasetError as exc:
+        raise CliError(str(exc)) from None
+    try:
+        export.check_variables(ds, [args.variable])
+    except KeyError as exc:
+        raise CliError(exc.args[0]) from None
+    out = args.output
+    if out is None:
+        stem = os.path.splitext(os.path.basename(
+            name.split(":out:")[0]))[0]
+        if ":out:" in name:
+            stem += "-" + name.split(":out:")[1]
+        out = f"{stem}_{args.variable}.png"
+    try:
+        with _library_messages() as lines:
+            export.plot_variable(ds, args.variable, out, size=args.size,
+                                 levels=args.levels,
+                                 title=f"{args.variable}: {_short(name)}")
+    except (ValueError, OSError) as exc:
+        raise CliError(f"{name}: {_detail(exc, lines)}") from None
+    print(f"wrote {os.path.abspath(out)}")
+    return 0
+
+
+# ------------------------------------------------------------------- serve
+
+def cmd_serve(args) -> int:
+    try:
+        from zelpy import rtserver
+    except ImportError:
+        raise CliError("the streaming server is not part of this installation") from None
+    open_source(args.source)  # same one-line errors as the other commands
+    argv = [args.source, "--host", args.host, "--port", str(args.port)]
+    if args.fps is not None:
+        argv += ["--fps", repr(args.fps)]
+    if args.loop:
+        argv.append("--loop")
+    return rtserver.main(argv)
+
+
+# ------------------------------------------------------------------ parser
+
+class _Parser(argparse.ArgumentParser):
+    """argparse, but a bad command line is one line, not a usage dump."""
+
+    def error(self, message):
+        self.exit(EXIT_USAGE, f"{self.prog}: error: {message} "
+                              f"(see '{self.prog} --help')\n")
+
+
+def _positive(text: str) -> int:
+    try:
+        value = int(text)
+    except ValueError:
+        raise argparse.ArgumentTypeError(f"invalid integer: '{text}'")
+    if value < 1:
+        raise argparse.ArgumentTypeError(f"must be at least 1, got {value}")
+    return value
+
+
+def _window(text: str) -> int:
+    value = _positive(text)
+    # The library would quietly widen an even window; saying so up front is
+    # kinder than a result computed over a window nobody asked for.
+    if value < 3 or value % 2 == 0:
+        raise argparse.ArgumentTypeError(f"must be an odd number of at least 3, got {value}")
+    return value
+
+
+def _fps(text: str) -> float:
+    try:
+        value = float(text)
+    except ValueError:
+        raise argparse.ArgumentTypeError(f"invalid number: '{text}'")
+    if not value > 0:
+        raise argparse.ArgumentTypeError(f"must be positive, got {text}")
+    return value
+
+
+def _port(text: str) -> int:
+    try:
+        value = int(text)
+    except ValueError:
+        raise argparse.ArgumentTypeError(f"invalid port: '{text}'")
+    if not 0 <= value <= 65535:
+        raise argparse.ArgumentTypeError(f"must be in 0..65535, got {value}")
+    return value
+
+
+SOURCE_HELP = ("a directory of .out files, a .out file, a glob pattern, an HDF5 "
+               "file or a project (.z3d/.z2d)")
+
+
+def build_parser() -> argparse.ArgumentParser:
+    parser = _Parser(
+        prog="zelpy",
+        description="Batch work on digital image correlation data files: "
+                    "strain, conversion, export, plots, streaming.",
+        epilog="Run 'zelpy demo' for a complete example that needs no input.")
+    parser.add_argument("--version", action="version", version=f"zelpy {_version()}")
+    parser.add_argument("--debug", action="store_true", help=argparse.SUPPRESS)
+    sub = parser.add_subparsers(dest="command", metavar="COMMAND", parser_class=_Parser)
+    sub.required = True
+
+    p = sub.add_parser("demo", help="make, analyse and plot a built-in example series",
+                       description="Make a synthetic series (a plate with a central hole "
+                                   "under increasing tension), compute strain, store it "
+                                   "in DIR/plate_hole.h5, plot e1 to DIR/plate_hole_e1.png "
+                                   "and compare the peak strain with the closed-form value.")
+    p.add_argument("directory", nargs="?", default="zelpy-demo", metavar="DIR",
+                   help="output directory (default: ./zelpy-demo)")
+    p.add_argument("--steps", type=_positive, default=8,
+                   help="number of datasets, the first unloaded (default 8)")
+    p.add_argument("--size", type=_positive, default=201,
+                   help="grid points per side (default 201)")
+    p.add_argument("--window", type=_window, default=15,
+                   help="strain smoothing window (default 15)")
+    p.add_argument("--stress", type=float, default=100.0,
+                   help="remote stress of the last dataset in MPa (default 100)")
+    p.add_argument("--seed", type=int, default=1, help="seed of the measurement noise")
+    p.add_argument("--no-plot", action="store_true", help="skip the PNG")
+    p.add_argument("-q", "--quiet", action="store_true", help="no progress bar")
+    p.set_defaults(func=cmd_demo)
+
+    p = sub.add_parser("info", help="list the datasets, AOIs and variables of a source",
+                       description="Show what a reader finds in SOURCE: datasets, AOIs "
+                                   "with grid sizes, the share of valid points, and the "
+                                   "variables of one dataset with kind, description and "
+                                   "value range over its valid points.")
+    p.add_argument("source", metavar="SOURCE", help=SOURCE_HELP)
+    p.add_argument("-d", "--dataset", type=int, default=0, metavar="INDEX",
+                   help="dataset whose variables are listed (default 0; -1 is the last)")
+    p.set_defaults(func=cmd_info)
+
+    p = sub.add_parser("strain", help="compute strain for every dataset of a source",
+                       description="Compute strain for every dataset of SOURCE and write "
+                                   "the datasets back (in place unless -o is given).")
+    p.add_argument("source", metavar="SOURCE", help=SOURCE_HELP)
+    p.add_argument("-o", "--output", metavar="DEST",
+                   help="write to this directory or .h5 file instead of in place; "
+                        "names follow the writer's rules")
+    p.add_argument("-w", "--window", type=_window, default=15,
+                   help="smoothing window in grid points, odd (default 15)")
+    p.add_argument("-t", "--tensor", choices=sorted(TENSORS), default="lagrange",
+                   help="strain tensor (default lagrange)")
+    p.add_argument("--no-principal", action="store_true",
+                   help="do not compute e1, e2 and gamma")
+    p.add_argument("--tresca", action="store_true", help="also compute e_tresca")
+    p.add_argument("--von-mises", action="store_true", help="also compute e_vonmises")
+    p.add_argument("--gradient", action="store_true",
+                   help="also store the displacement gradient fxx, fxy, fyx, fyy")
+    p.add_argument("--unweighted", action="store_true",
+                   help="smooth with equal weights instead of the weighted filter")
+    p.add_argument("--no-reuse", action="store_true",
+                   help="add new strain variables even where they exist already")
+    p.add_argument("-j", "--jobs", type=_positive, default=1,
+                   help="datasets computed in parallel processes (default 1)")
+    p.add_argument("-q", "--quiet", action="store_true", help="no progress bar")
+    p.set_defaults(func=cmd_strain)
+
+    p = sub.add_parser("convert", help="convert between a directory of .out files and HDF5",
+                       description="Copy every dataset of SOURCE to DEST: a directory of "
+                                   ".out files or an .h5 file. Names follow the writer's "
+                                   "rules (NAME-INDEX_0.out <-> key INDEX).")
+    p.add_argument("source", metavar="SOURCE", help=SOURCE_HELP)
+    p.add_argument("dest", metavar="DEST", help="directory (created if needed) or .h5 file")
+    p.add_argument("-q", "--quiet", action="store_true", help="no progress bar")
+    p.set_defaults(func=cmd_convert)
+
+    p = sub.add_parser("export", help="export datasets as CSV tables or VTK (.vtu) files",
+                       description="Write one file per dataset: a CSV table of the "
+                                   "chosen variables (valid points, with AOI, row and "
+                                   "column), or a VTK XML unstructured grid (triangles "
+                                   "of the triangulation as cells, the variables as "
+                                   "point data) plus a .pvd series file for ParaView.")
+    p.add_argument("source", metavar="SOURCE", help=SOURCE_HELP)
+    p.add_argument("-f", "--format", choices=("csv", "vtu"), required=True)
+    p.add_argument("-v", "--variable", dest="variables", action="extend", nargs="+",
+                   metavar="VAR", help="variables to export (default: all)")
+    p.add_argument("-o", "--output", metavar="DIR",
+                   help="output directory (default: next to the data)")
+    p.add_argument("-d", "--dataset", type=int, action="append", metavar="INDEX",
+                   help="export only this dataset (repeatable; default: all)")
+    p.add_argument("--all-points", action="store_true",
+                   help="CSV: include invalid points too")
+    p.add_argument("-q", "--quiet", action="store_true", help="no progress bar")
+    p.set_defaults(func=cmd_export)
+
+    p = sub.add_parser("plot", help="contour plot of one variable of one dataset",
+                       description="Filled contour plot of VAR over the triangulation of "
+                                   "one dataset, with a colour bar in the variable's unit.")
+    p.add_argument("source", metavar="SOURCE", help=SOURCE_HELP)
+    p.add_argument("-v", "--variable", required=True, metavar="VAR")
+    p.add_argument("-o", "--output", metavar="FILE.png",
+                   help="PNG to write (default: ./<dataset>_<VAR>.png)")
+    p.add_argument("-d", "--dataset", type=int, default=-1, metavar="INDEX",
+                   help="dataset to plot (default -1, the last)")
+    p.add_argument("--size", type=_size, default=(1000, 800), metavar="WxH",
+                   help="image size in pixels (default 1000x800)")
+    p.add_argument("--levels", type=_positive, default=24, help="contour levels (default 24)")
+    p.set_defaults(func=cmd_plot)
+
+    p = sub.add_parser("serve", help="stream the datasets of a source to real-time clients",
+                       description="Serve the datasets of SOURCE over TCP the way the "
+                                   "application does in real-time mode, for developing "
+                                   "real-time scripts. Stop with Ctrl-C.")
+    p.add_argument("source", metavar="SOURCE", help=SOURCE_HELP)
+    p.add_argument("--port", type=_port, default=20020, help="TCP port (default 20020; 0 picks one)")
+    p.add_argument("--host", default="127.0.0.1", help="address to listen on (default 127.0.0.1)")
+    p.add_argument("--fps", type=_fps, default=None,
+                   help="datasets per second (default: as fast as the client reads)")
+    p.add_argument("--loop", action="store_true", help="start over after the last dataset")
+    p.set_defaults(func=cmd_serve)
+    return parser
+
+
+def _version() -> str:
+    try:
+        from importlib.metadata import version
+        return version("zelpy")
+    except Exception:
+        return "unknown"
+
+
+def main(argv=None) -> int:
+    args = build_parser().parse_args(argv)
+    try:
+        return args.func(args)
+    except CliError as exc:
+        print(f"zelpy {args.command}: error: {exc}", file=sys.stderr)
+        return EXIT_FAILED
+    except KeyboardInterrupt:
+        print(f"zelpy {args.command}: interrupted", file=sys.stderr)
+        return EXIT_INTERRUPTED
+    except BrokenPipeError:
+        # Output piped into head and the like: not an error of ours.
+        return 0
+    except Exception as exc:
+        if args.debug:
+            raise
+        print(f"zelpy {args.command}: error: {type(exc).__name__}: {exc}", file=sys.stderr)
+        return EXIT_FAILED

@@ -1,0 +1,458 @@
+"""The zelpy command, run the way a user runs it: as a separate process."""
+
+import base64
+import os
+import re
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import time
+import xml.etree.ElementTree as ET
+
+import numpy as np
+import pytest
+
+import zelpy
+from zelpy.demo import DemoSeries
+
+TIMEOUT = 120
+
+# Small but not tiny: 121 x 121 points over 80 mm is a 0.67 mm pitch, so the
+# 10 mm hole spans 15 grid points and a window of 7 covers 4 mm.
+DEMO_SIZE, DEMO_STEPS, DEMO_WINDOW = 121, 3, 7
+
+
+def run(*args, cwd=None, timeout=TIMEOUT):
+    return subprocess.run([sys.executable, "-m", "zelpy", *map(str, args)],
+                          capture_output=True, text=True, cwd=cwd, timeout=timeout)
+
+
+def png_size(path):
+    with open(path, "rb") as f:
+        head = f.read(24)
+    assert head[:8] == b"\x89PNG\r\n\x1a\n", "not a PNG file"
+    assert head[12:16] == b"IHDR"
+    return struct.unpack(">II", head[16:24])
+
+
+def values(name, variables):
+    ds = zelpy.ZelDataSet()
+    ds.load(name)
+    return ds.get_values(variables)
+
+
+def assert_one_line_error(result, *fragments):
+    lines = result.stderr.strip().splitlines()
+    assert result.returncode != 0
+    assert "Traceback" not in result.stderr
+    assert len(lines) == 1, result.stderr
+    for fragment in fragments:
+        assert fragment in lines[0]
+
+
+@pytest.fixture(scope="module")
+def demo(tmp_path_factory):
+    directory = tmp_path_factory.mktemp("demo")
+    result = run("demo", directory, "--size", DEMO_SIZE, "--steps", DEMO_STEPS,
+                 "--window", DEMO_WINDOW, "-q")
+    assert result.returncode == 0, result.stderr
+    return directory, result
+
+
+@pytest.fixture
+def series(demo, tmp_path):
+    """A private copy of the demo's HDF5 series."""
+    path = tmp_path / "plate_hole.h5"
+    shutil.copy(demo[0] / "plate_hole.h5", path)
+    return path
+
+
+@pytest.fixture
+def out_dir(series, tmp_path):
+    """The demo series as a directory of .out files."""
+    directory = tmp_path / "outs"
+    result = run("convert", series, directory, "-q")
+    assert result.returncode == 0, result.stderr
+    return directory
+
+
+# ------------------------------------------------------------------ demo
+
+def test_demo_writes_series_plot_and_summary(demo):
+    directory, result = demo
+    reader = zelpy.ZelDataSetReader(str(directory / "plate_hole.h5"))
+    assert [n.rsplit(":", 1)[1] for n in reader.get_dataset_list()] == ["0000", "0001", "0002"]
+    last = reader[-1]
+    assert last.matrix_size() == DEMO_SIZE * DEMO_SIZE
+    for name in ("X", "Y", "Z", "U", "V", "W", "sigma", "SIGMA_X", "exx", "e1", "e_vonmises"):
+        assert name in last.variables()
+    assert png_size(directory / "plate_hole_e1.png") == (1000, 800)
+    assert re.search(r"datasets\s+3 ", result.stdout)
+    assert re.search(rf"points\s+{DEMO_SIZE * DEMO_SIZE} per dataset", result.stdout)
+    assert re.search(r"time\s+[0-9.]+ s", result.stdout)
+
+
+def _peak(demo_dir):
+    ds = zelpy.ZelDataSetReader(str(demo_dir / "plate_hole.h5"))[-1]
+    v = ds.get_values(["e1", "X", "Y", "Z", "sigma"])
+    valid = v["sigma"] >= 0
+    return v, valid
+
+
+def test_demo_peak_e1_matches_the_stress_concentration(demo):
+    """The peak of e1 sits on the hole edge across the load axis.
+
+    Closed form there: e1 = Kt * S / E = 3 * 100 / 70000 = 4.286e-3. The
+    first measured ring lies 0.5 mm (the margin) plus up to one pitch outside
+    the edge, where the closed form has already dropped by up to about 15 %,
+    and the plane fit of the smoothing flattens the steep rise further; so
+    the measured peak must lie between 75 % and 100 % of the edge value, and
+    within 8 % of the closed form at the very point where it was found.
+    """
+    v, valid = _peak(demo[0])
+    series = DemoSeries(size=DEMO_SIZE, steps=DEMO_STEPS)
+    stress = series.stresses()[-1]
+    edge = series.plate.peak_strain(stress)
+    assert edge == pytest.approx(3 * 100 / 70000)
+    k = int(np.argmax(np.where(valid, v["e1"], -np.inf)))
+    peak = float(v["e1"][k])
+    assert 0.75 * edge < peak < 1.0 * edge
+    p, q = series.to_plate(v["X"][k], v["Y"][k], v["Z"][k])
+    # Across the load axis: the peak is above or below the hole, not beside it.
+    assert abs(q) > 3 * abs(p)
+    at_peak = series.plate.principal_strain(p, q, stress)[0]
+    assert peak == pytest.approx(at_peak, rel=0.08)
+
+
+def test_demo_far_field_strain_is_exact(demo):
+    """Away from the hole the field is smooth, so the strain is the closed
+    form plus noise. At every point more than 5 mm from the hole edge and
+    the plate border: the mean error of e1 below 5e-6 and its RMS below 3e-5
+    (2 % of the remote strain 1.43e-3; the 0.005 pixel displacement noise
+    alone gives about 2e-5 at this pitch and window). Projecting the tilted
+    plate instead of flattening each triangle, or any strain from the rigid
+    grip motion, would be off by more than 1e-4."""
+    v, valid = _peak(demo[0])
+    series = DemoSeries(size=DEMO_SIZE, steps=DEMO_STEPS)
+    p, q = series.to_plate(v["X"], v["Y"], v["Z"])
+    inner = (np.hypot(p, q) > series.plate.radius + 5) & \
+            (np.maximum(abs(p), abs(q)) < series.half_width - 5) & valid
+    assert inner.sum() > 0.5 * inner.size
+    expected = series.plate.principal_strain(p[inner], q[inner], series.stresses()[-1])[0]
+    error = v["e1"][inner] - expected
+    assert abs(error.mean()) < 5e-6
+    assert np.sqrt(np.mean(error ** 2)) < 3e-5
+
+
+# ------------------------------------------------------------------ help and usage
+
+@pytest.mark.parametrize("command", ["demo", "info", "strain", "convert", "export",
+                                     "plot", "serve"])
+def test_every_subcommand_has_help(command):
+    result = run(command, "--help")
+    assert result.returncode == 0
+    assert result.stdout.startswith(f"usage: zelpy {command}")
+
+
+@pytest.mark.parametrize("args, fragment", [
+    ((), "required: COMMAND"),
+    (("strain", "x", "--window", "4"), "odd number"),
+    (("strain", "x", "--window", "1"), "odd number"),
+    (("strain", "x", "--tensor", "green"), "invalid choice: 'green'"),
+    (("strain", "x", "--jobs", "0"), "at least 1"),
+    (("export", "x"), "-f/--format"),
+    (("export", "x", "-f", "xls"), "invalid choice: 'xls'"),
+    (("plot", "x"), "-v/--variable"),
+    (("plot", "x", "-v", "e1", "--size", "800by600"), "WIDTHxHEIGHT"),
+    (("serve", "x", "--fps", "0"), "must be positive"),
+    (("serve", "x", "--port", "70000"), "0..65535"),
+])
+def test_bad_options_give_one_line_and_status_2(args, fragment):
+    result = run(*args)
+    assert result.returncode == 2
+    assert_one_line_error(result, fragment)
+
+
+@pytest.mark.parametrize("args", [
+    ("info", "{missing}"),
+    ("strain", "{missing}"),
+    ("convert", "{missing}", "{tmp}/out.h5"),
+    ("export", "{missing}", "-f", "csv"),
+    ("plot", "{missing}", "-v", "e1"),
+    ("serve", "{missing}"),
+])
+def test_missing_source(tmp_path, args):
+    missing = tmp_path / "nowhere" / "run.h5"
+    result = run(*(a.format(missing=missing, tmp=tmp_path) for a in args))
+    assert result.returncode == 1
+    assert_one_line_error(result, str(missing), "no such file")
+
+
+@pytest.mark.parametrize("args", [
+    ("export", "{src}", "-f", "csv", "-v", "e1", "nope"),
+    ("export", "{src}", "-f", "vtu", "-v", "nope"),
+    ("plot", "{src}", "-v", "nope"),
+])
+def test_unknown_variable(series, tmp_path, args):
+    out = tmp_path / ("exported" if args[0] == "export" else "plot.png")
+    result = run(*(a.format(src=series) for a in args), "-o", out)
+    assert result.returncode == 1
+    assert_one_line_error(result, "unknown variable 'nope'")
+    assert not out.exists() or not os.listdir(out)
+
+
+@pytest.mark.parametrize("command", [("info",), ("strain",), ("convert", "{tmp}/o"),
+                                     ("export", "-f", "csv")])
+def test_a_corrupt_hdf5_file_is_named(tmp_path, command):
+    bad = tmp_path / "broken.h5"
+    bad.write_bytes(b"not an HDF5 file at all" * 10)
+    result = run(command[0], bad, *(a.format(tmp=tmp_path) for a in command[1:]))
+    assert result.returncode == 1
+    assert_one_line_error(result, str(bad))
+
+
+# ------------------------------------------------------------------ info
+
+def test_info_lists_datasets_aois_and_variable_ranges(series):
+    result = run("info", series, "-d", "-1")
+    assert result.returncode == 0, result.stderr
+    out = result.stdout
+    assert "3 dataset(s)" in out
+    assert f"1 AOI ({DEMO_SIZE}x{DEMO_SIZE})" in out
+    v, valid = _peak(series.parent)
+    share = 100 * valid.mean()
+    assert f"{share:.1f} % valid" in out
+    line = next(l for l in out.splitlines() if l.split()[:1] == ["e1"])
+    assert "Strain" in line
+    lo, hi = (float(x) for x in re.search(r"\[(\S+), (\S+)\]$", line).groups())
+    assert lo == pytest.approx(v["e1"][valid].min(), rel=1e-5)
+    assert hi == pytest.approx(v["e1"][valid].max(), rel=1e-5)
+
+
+# ------------------------------------------------------------------ strain
+
+def test_strain_jobs_1_and_2_give_identical_results(series, tmp_path):
+    outputs = []
+    for jobs in (1, 2):
+        dest = tmp_path / f"jobs{jobs}.h5"
+        result = run("strain", series, "-o", dest, "--jobs", jobs, "--tresca",
+                     "--tensor", "engineering", "--window", 5)
+        assert result.returncode == 0, result.stderr
+        assert result.stderr == ""
+        outputs.append(zelpy.ZelDataSetReader(str(dest)))
+    one, two = outputs
+    assert len(one.get_dataset_list()) == len(two.get_dataset_list()) == DEMO_STEPS
+    for a, b in zip(one, two):
+        assert "e_tresca" in a.variables()
+        assert a.variables_descriptions()[a.variables().index("exx")] == "exx [1] - engr."
+        names = ["exx", "eyy", "exy", "e1", "e_tresca"]
+        np.testing.assert_array_equal(a.get_values(names), b.get_values(names))
+
+
+def test_strain_in_place_keeps_names_and_adds_variables(out_dir):
+    before = sorted(os.listdir(out_dir))
+    result = run("strain", out_dir, "--gradient", "--von-mises", "--no-principal")
+    assert result.returncode == 0, result.stderr
+    assert sorted(os.listdir(out_dir)) == before
+    for name in before:
+        v = values(str(out_dir / name), ["fxx", "fyy", "e_vonmises", "sigma"])
+        valid = v["sigma"] >= 0
+        assert np.all(v["e_vonmises"][~valid] == 0)
+        if name.endswith("0000_0.out"):
+            # The unloaded state: only noise.
+            assert np.abs(v["fxx"][valid]).max() < 1e-3
+
+
+@pytest.mark.parametrize("jobs", [1, 2])
+def test_corrupt_file_is_named_and_the_others_are_processed(out_dir, jobs):
+    names = sorted(os.listdir(out_dir))
+    bad = out_dir / names[1]
+    bad.write_bytes(b"\x00" * 64)
+    result = run("strain", out_dir, "--tresca", "--jobs", jobs)
+    assert result.returncode == 1
+    assert "Traceback" not in result.stderr
+    lines = result.stderr.strip().splitlines()
+    assert len(lines) == 2, result.stderr
+    assert str(bad) in lines[0]
+    assert lines[1] == f"zelpy strain: 1 of {len(names)} datasets failed"
+    for name in (names[0], names[2]):
+        assert "e_tresca" in values(str(out_dir / name), ["e_tresca"]).dtype.names
+    assert bad.read_bytes() == b"\x00" * 64
+
+
+def test_interrupt_leaves_every_file_whole(out_dir):
+    """Ctrl-C during a run: status 130 (or 0 if it was already done), every
+    file still decodes, no stray temporary files."""
+    # More and larger datasets so the run is still going when interrupted.
+    src = out_dir / names_of(out_dir)[-1]
+    for k in range(3, 40):
+        shutil.copy(src, out_dir / f"plate_hole-{k:04d}_0.out")
+    before = sorted(os.listdir(out_dir))
+    stamps = {n: os.stat(out_dir / n).st_mtime_ns for n in before}
+    proc = subprocess.Popen([sys.executable, "-m", "zelpy", "strain", str(out_dir),
+                             "--window", "31", "--tresca"],
+                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    deadline = time.monotonic() + TIMEOUT
+    while time.monotonic() < deadline and proc.poll() is None:
+        if any(os.stat(out_dir / n).st_mtime_ns != stamps[n] for n in before):
+            break
+        time.sleep(0.01)
+    proc.send_signal(signal.SIGINT)
+    _, err = proc.communicate(timeout=TIMEOUT)
+    assert proc.returncode in (0, 130), err
+    assert "Traceback" not in err
+    if proc.returncode == 130:
+        assert "interrupted" in err
+    assert sorted(os.listdir(out_dir)) == before
+    done = 0
+    for name in before:
+        names = zelpy.ZelDataSetReader(str(out_dir / name))[0].variables()
+        done += "e_tresca" in names
+    assert done >= 1
+
+
+def names_of(directory):
+    return sorted(os.listdir(directory))
+
+
+# ------------------------------------------------------------------ convert
+
+def test_convert_round_trip_follows_the_writer_names(series, tmp_path):
+    directory = tmp_path / "outs"
+    assert run("convert", series, directory, "-q").returncode == 0
+    assert names_of(directory) == [f"plate_hole-{k:04d}_0.out" for k in range(DEMO_STEPS)]
+    back = tmp_path / "back.h5"
+    result = run("convert", directory, back)
+    assert result.returncode == 0, result.stderr
+    original = zelpy.ZelDataSetReader(str(series))
+    again = zelpy.ZelDataSetReader(str(back))
+    assert [n.split(":out:")[1] for n in again.get_dataset_list()] == \
+        [n.split(":out:")[1] for n in original.get_dataset_list()]
+    for a, b in zip(original, again):
+        assert a.variables() == b.variables()
+        np.testing.assert_array_equal(a.get_values(a.variables()), b.get_values(b.variables()))
+
+
+def test_convert_refuses_a_file_name_it_cannot_map(tmp_path, series):
+    directory = tmp_path / "odd"
+    directory.mkdir()
+    zelpy.ZelDataSetReader(str(series))[0].save(str(directory / "result.out"))
+    result = run("convert", directory, tmp_path / "x.h5")
+    assert result.returncode == 1
+    assert "result.out" in result.stderr and "no output name" in result.stderr
+
+
+# ------------------------------------------------------------------ export
+
+def test_export_csv_columns_and_values(series, tmp_path):
+    result = run("export", series, "-f", "csv", "-v", "e1", "X", "-o", tmp_path / "csv",
+                 "-d", "-1")
+    assert result.returncode == 0, result.stderr
+    files = names_of(tmp_path / "csv")
+    assert files == [f"plate_hole-{DEMO_STEPS - 1:04d}_0.csv"]
+    table = np.genfromtxt(tmp_path / "csv" / files[0], delimiter=",", names=True)
+    assert table.dtype.names == ("aoi", "row", "column", "e1", "X")
+    v, valid = _peak(series.parent)
+    assert len(table) == valid.sum()
+    index = (table["row"] * DEMO_SIZE + table["column"]).astype(int)
+    np.testing.assert_array_equal(table["e1"].astype(np.float32), v["e1"][index])
+    np.testing.assert_array_equal(table["X"].astype(np.float32), v["X"][index])
+    assert np.all(valid[index])
+
+
+def _vtu_array(element):
+    raw = base64.b64decode(element.text)
+    (nbytes,) = struct.unpack("<Q", raw[:8])
+    dtype = {"Float32": "<f4", "Int64": "<i8", "UInt8": "u1"}[element.get("type")]
+    assert nbytes == len(raw) - 8
+    return np.frombuffer(raw[8:], dtype=dtype)
+
+
+def test_export_vtu_is_a_triangle_mesh_of_the_valid_points(series, tmp_path):
+    result = run("export", series, "-f", "vtu", "-v", "e1", "W", "-o", tmp_path / "vtu")
+    assert result.returncode == 0, result.stderr
+    vtus = [f"plate_hole-{k:04d}_0.vtu" for k in range(DEMO_STEPS)]
+    assert names_of(tmp_path / "vtu") == vtus + ["plate_hole.pvd"]
+    ds = zelpy.ZelDataSetReader(str(series))[-1]
+    v = ds.get_values(["e1", "sigma", "X", "Y", "Z"])
+    valid = v["sigma"] >= 0
+    tri = ds.triangulation()
+
+    piece = ET.parse(tmp_path / "vtu" / vtus[-1]).getroot().find("UnstructuredGrid/Piece")
+    assert int(piece.get("NumberOfPoints")) == valid.sum()
+    assert int(piece.get("NumberOfCells")) == len(tri) > 0
+    arrays = {a.get("Name"): _vtu_array(a) for a in piece.iter("DataArray")}
+    np.testing.assert_array_equal(arrays["e1"], v["e1"][valid])
+    points = arrays["Points"].reshape(-1, 3)
+    np.testing.assert_array_equal(points[:, 2], v["Z"][valid])
+    # Each cell is the same triangle as in the dataset, renumbered.
+    conn = arrays["connectivity"].reshape(-1, 3)
+    original = np.flatnonzero(valid)[conn]
+    np.testing.assert_array_equal(original, tri)
+    np.testing.assert_array_equal(arrays["offsets"], 3 * np.arange(1, len(tri) + 1))
+    assert set(arrays["types"]) == {5}
+
+    pvd = ET.parse(tmp_path / "vtu" / "plate_hole.pvd").getroot()
+    assert [d.get("file") for d in pvd.iter("DataSet")] == vtus
+
+
+def test_vtu_opens_in_vtk(series, tmp_path):
+    vtk = pytest.importorskip("vtk")
+    assert run("export", series, "-f", "vtu", "-v", "e1", "-o", tmp_path, "-d", "0").returncode == 0
+    reader = vtk.vtkXMLUnstructuredGridReader()
+    reader.SetFileName(str(tmp_path / "plate_hole-0000_0.vtu"))
+    reader.Update()
+    grid = reader.GetOutput()
+    ds = zelpy.ZelDataSetReader(str(series))[0]
+    assert grid.GetNumberOfCells() == len(ds.triangulation())
+    assert grid.GetNumberOfPoints() == (ds.get_values(["sigma"])["sigma"] >= 0).sum()
+    assert grid.GetPointData().GetArray("e1") is not None
+
+
+# ------------------------------------------------------------------ plot
+
+@pytest.mark.parametrize("variable, size", [("e1", "640x480"), ("W", "300x900")])
+def test_plot_writes_a_png_of_the_requested_size(series, tmp_path, variable, size):
+    out = tmp_path / "p.png"
+    result = run("plot", series, "-v", variable, "-o", out, "--size", size, "-d", "1")
+    assert result.returncode == 0, result.stderr
+    assert png_size(out) == tuple(int(s) for s in size.split("x"))
+
+
+def test_plot_default_name_in_the_working_directory(series, tmp_path):
+    result = run("plot", series, "-v", "e1", cwd=tmp_path)
+    assert result.returncode == 0, result.stderr
+    assert png_size(tmp_path / f"plate_hole-{DEMO_STEPS - 1:04d}_e1.png") == (1000, 800)
+
+
+# ------------------------------------------------------------------ serve
+
+def test_serve_streams_the_source(out_dir):
+    proc = subprocess.Popen([sys.executable, "-m", "zelpy", "serve", str(out_dir),
+                             "--port", "0"], stdout=subprocess.PIPE,
+                            stderr=subprocess.PIPE, text=True)
+    try:
+        line = proc.stdout.readline()
+        port = int(re.search(r":(\d+)\s*$", line).group(1))
+        first = out_dir / names_of(out_dir)[0]
+        with socket.create_connection(("127.0.0.1", port), timeout=10) as sock:
+            sock.sendall(b"S")
+            want = 8 + first.stat().st_size
+            data = b""
+            while len(data) < want:
+                chunk = sock.recv(want - len(data))
+                assert chunk, "server closed the connection"
+                data += chunk
+        length, kind = struct.unpack("=II", data[:8])
+        assert (length, kind) == (first.stat().st_size, 3)
+        assert data[8:] == first.read_bytes()
+    finally:
+        proc.send_signal(signal.SIGINT)
+        try:
+            proc.communicate(timeout=10)
+        except subprocess.TimeoutExpired:
+            proc.kill()
+            proc.communicate()

@@ -1,0 +1,270 @@
+"""ZelData and ZelDataSet: values, variables, files, HDF5 and every failure message."""
+
+import os
+import pickle
+
+import h5py
+import numpy as np
+import pytest
+
+import zelpy
+from conftest import make_dataset
+
+T = zelpy.ZelDataVariableType
+
+
+def two_aois(sizes=((2, 5), (4, 5))):
+    ds = zelpy.ZelDataSet()
+    for rows, columns in sizes:
+        ds.add_aoi(rows, columns)
+    return ds
+
+
+def test_fresh_dataset():
+    ds = zelpy.ZelDataSet()
+    assert (ds.file_name(), ds.num_data(), ds.matrix_size()) == (None, 0, 0)
+    with pytest.raises(NameError, match="^A file name is required$"):
+        ds.save()
+
+
+@pytest.mark.parametrize("n", [-1, 2, 7])
+def test_data_index_error(n):
+    with pytest.raises(IndexError, match=r"^Index %d outside valid range \(0, 2\)$" % n):
+        two_aois().data(n)
+
+
+def test_iteration_stops_at_the_last_aoi():
+    assert [a.matrix_size() for a in two_aois()] == [10, 20]
+
+
+def test_add_variable_zero_fills_every_aoi_and_returns_the_name():
+    ds = two_aois()
+    assert ds.add_variable("e", "test") == "e"
+    assert ds.variables() == ["e"] and ds.variables_descriptions() == ["test"]
+    assert ds.variables_types() == [T.Unknown]
+    assert ds.get_values(["e"])["e"].tolist() == [0.0] * 30
+    assert ds.add_variables({"a": "A", "b": "B"}) == ["a", "b"]
+
+
+def test_add_variable_splits_values_over_aois_and_allows_duplicate_names():
+    ds = two_aois()
+    ds.add_variable("v", "", T.Strain, list(range(30)))
+    assert ds[0].as_array(["v"])["v"].tolist() == list(range(10))
+    assert ds[1].as_array(["v"])["v"].tolist() == list(range(10, 30))
+    ds.add_variable("v", "second", T.Strain, [1.0] * 30)
+    assert ds.variables() == ["v", "v"] and ds.get_values(["v"])["v"][0] == 0.0
+
+
+def test_add_variable_with_too_few_values():
+    with pytest.raises(IndexError, match=r"^Size mismatch\. Matrix size is 20 while values are 5\.$"):
+        two_aois().add_variable("v", "", T.Strain, [1.0] * 15)
+
+
+def test_get_values_concatenates_aois():
+    ds = two_aois()
+    ds.add_variable("X", "", T.GlobalCoordinate, np.arange(30.0).tolist())
+    ds.add_variable("Y", "", T.GlobalCoordinate, (-np.arange(30.0)).tolist())
+    out = ds.get_values(["Y", "X"])
+    assert out.shape == (30,) and out.dtype.names == ("Y", "X")
+    assert out.dtype["X"] == np.float32 and out["X"].tolist() == list(range(30))
+    with pytest.raises(ValueError, match="^Could not find variable Q$"):
+        ds.get_values(["X", "Q"])
+
+
+def test_set_values_from_dict_and_structured_array():
+    ds = two_aois()
+    ds.add_variable("a", "")
+    ds.add_variable("b", "")
+    ds.set_values({"a": range(30)})
+    arr = np.zeros(30, dtype=[("b", "f4"), ("a", "f4")])
+    arr["b"] = np.arange(30) * 2
+    arr["a"] = 7
+    ds.set_values(arr)
+    assert ds.get_values(["a"])["a"].tolist() == [7.0] * 30
+    assert ds[1].as_array(["b"])["b"].tolist() == list(range(20, 60, 2))
+
+
+@pytest.mark.parametrize("arg", [[1, 2], (1,), "ab", np.zeros(3), None])
+def test_set_values_rejects_other_types(arg):
+    with pytest.raises(ValueError, match=r"^Expected dict or numpy structured array\.$"):
+        two_aois().set_values(arg)
+
+
+def test_set_values_unknown_name():
+    with pytest.raises(ValueError, match="^Could not find variable z$"):
+        two_aois().set_values({"z": [0] * 30})
+
+
+def test_zeldata_values_and_messages():
+    ds = two_aois()
+    ds.add_variable("a", "", T.Strain, list(range(30)))
+    ds.add_variable("b", "", T.Strain, [5] * 30)
+    aoi = ds[1]
+    assert aoi.value(3, 0) == 13.0 and aoi.values(3, [1, 0]) == [5.0, 13.0]
+    aoi.set_value(3, "b", 2.5)
+    aoi.set_value(4, 1, 3.5)
+    assert aoi.values(3, [1]) == [2.5] and aoi.value(4, 1) == 3.5
+    # The point-index message is built with a method the class does not have.
+    for call in (lambda: aoi.value(20, 0), lambda: aoi.value(-1, 0), lambda: aoi.values(20, [0]),
+                 lambda: aoi.set_value(20, 0, 1.0)):
+        with pytest.raises(AttributeError, match="matrixSize"):
+            call()
+    with pytest.raises(IndexError, match=r"^Variable index out of range\.$"):
+        aoi.value(0, 2)
+    assert (aoi.variable_name(9), aoi.variable_description(-1)) == ("", "")
+    assert aoi.variable_index("b") == 1 and aoi.variable_index("nope") == -1
+
+
+@pytest.mark.parametrize("values", [[1.0] * 19, np.ones(21), []])
+def test_zeldata_set_values_size_mismatch(values):
+    ds = two_aois()
+    ds.add_variable("a", "")
+    with pytest.raises(IndexError, match=r"^Size mismatch\. Matrix size is 20 while values are %d\.$" % len(values)):
+        ds[1].set_values("a", values)
+
+
+def test_zeldata_set_values_from_numpy_and_list():
+    ds = two_aois()
+    ds.add_variable("a", "")
+    ds[1].set_values(0, np.arange(20, dtype=np.float64).reshape(4, 5))
+    ds[0].set_values("a", [1.5] * 10)
+    assert ds.get_values(["a"])["a"].tolist() == [1.5] * 10 + list(range(20))
+    with pytest.raises(ValueError, match="^Could not find variable q$"):
+        ds[0].as_array(["q"])
+
+
+def test_variable_view_shares_memory_and_keeps_values_alive():
+    ds = two_aois()
+    ds.add_variable("a", "", T.Strain, list(range(30)))
+    view = ds[1].variable_view("a")
+    assert view.shape == (4, 5) and view.dtype == np.float32 and view[1, 0] == 15
+    view[0, 0] = -1
+    assert ds[1].value(0, 0) == -1.0
+    del ds
+    assert view.sum() == sum(range(11, 30)) - 1  # still valid after the dataset is gone
+    with pytest.raises(ValueError, match="^Could not find variable nope$"):
+        two_aois()[0].variable_view("nope")
+
+
+def test_zeldata_copy_is_deep_and_construction_is_guarded():
+    ds = two_aois()
+    ds.add_variable("a", "", T.Strain, [1] * 30)
+    copy = ds[0].copy()
+    copy.set_value(0, 0, 9.0)
+    assert ds[0].value(0, 0) == 1.0 and zelpy.ZelData(copy).value(0, 0) == 9.0
+    with pytest.raises(TypeError, match="^Instances of ZelData must not be created directly.$"):
+        zelpy.ZelData()
+    with pytest.raises(TypeError, match="^Instances of ZelData must not be created directly.$"):
+        zelpy.ZelData(yes_create_the_object_i_know_what_i_do=False)
+    bare = zelpy.ZelData(yes_create_the_object_i_know_what_i_do=True)
+    with pytest.raises(ValueError, match="^C\\+\\+ object pointer for ZelData has not been initialized properly\\.$"):
+        bare.num_rows()
+
+
+def test_borrowed_aoi_is_refused_after_reload():
+    ds = make_dataset()
+    aoi = ds[0]
+    ds.load_from_data(make_dataset(((2, 2),)).export_raw(), "other.out")
+    with pytest.raises(ValueError, match="ZelData has not been initialized properly"):
+        aoi.num_rows()
+    assert ds[0].num_rows() == 2
+
+
+def test_dataset_copy_is_deep():
+    ds = make_dataset()
+    ds.set_file_name("a-1_0.out")
+    copy = ds.copy()
+    copy[0].set_value(0, 0, 123.0)
+    copy.set_reference_image("other")
+    assert ds[0].value(0, 0) != 123.0 and ds.reference_image() == "ref_0000_0.tif"
+    assert copy.file_name() == "a-1_0.out" and copy.export_raw() != ds.export_raw()
+
+
+@pytest.mark.parametrize("obj", [zelpy.ZelDataSet(), make_dataset()[0]])
+def test_pickling_is_refused(obj):
+    with pytest.raises(TypeError, match="^no default __reduce__ due to non-trivial __cinit__$"):
+        pickle.dumps(obj)
+
+
+def test_save_and_load_out_file(tmp_path):
+    ds = make_dataset(((5, 6), (2, 3)))
+    path = str(tmp_path / "spec_0001_0.out")
+    ds.save(path)
+    back = zelpy.ZelDataSet()
+    back.load(path)
+    assert back.file_name() == path and back.export_raw() == ds.export_raw()
+    back.set_file_name(str(tmp_path / "again.out"))
+    back.save()
+    assert open(str(tmp_path / "again.out"), "rb").read() == ds.export_raw()
+    assert sorted(os.listdir(tmp_path)) == ["again.out", "spec_0001_0.out"]
+
+
+def test_load_failures(tmp_path):
+    missing = str(tmp_path / "missing.out")
+    with pytest.raises(NameError, match="^Unable to find file: %s or file is corrupted$" % missing):
+        zelpy.ZelDataSet().load(missing)
+    corrupt = tmp_path / "corrupt.out"
+    corrupt.write_bytes(b"\x00" * 64)
+    ds = zelpy.ZelDataSet()
+    with pytest.raises(NameError, match="or file is corrupted$"):
+        ds.load(str(corrupt))
+    assert ds.file_name() is None
+
+
+def test_failed_save_keeps_existing_target(tmp_path):
+    ds = make_dataset()
+    with pytest.raises(OSError, match="^Unable to save file: /no/such/dir/a.out$"):
+        ds.save("/no/such/dir/a.out")
+    target = tmp_path / "target.out"
+    target.mkdir()  # renaming over a directory fails after the data was written
+    (target / "keep").write_text("x")
+    with pytest.raises(OSError, match="^Unable to save file: "):
+        ds.save(str(target))
+    assert (target / "keep").read_text() == "x"
+    assert sorted(os.listdir(tmp_path)) == ["target.out"]  # no temporary file left behind
+
+
+def test_hdf5_round_trip(tmp_path):
+    h5 = str(tmp_path / "run.h5")
+    first, second = make_dataset(seed=1), make_dataset(((3, 3),), seed=2)
+    first.save(h5 + ":out:1")
+    second.save(h5 + ":out:00002")
+    first.save(h5 + ":out:00002")  # replaces the member
+    with h5py.File(h5, "r") as f:
+        assert sorted(f["out"].keys()) == ["00002", "1"]
+        member = f["out"]["1"]
+        assert member.dtype == np.uint8 and member.ndim == 1
+        assert member[()].tobytes() == first.export_raw()
+    back = zelpy.ZelDataSet()
+    back.load(h5 + ":out:00002")
+    assert back.file_name() == h5 + ":out:00002" and back.export_raw() == first.export_raw()
+
+
+def test_hdf5_failures(tmp_path):
+    h5 = str(tmp_path / "run.h5")
+    with pytest.raises(OSError, match=r"^Cannot open %s\.$" % h5):
+        zelpy.ZelDataSet().load(h5 + ":out:1")
+    with h5py.File(h5, "w") as f:
+        f.create_group("other")
+    with pytest.raises(ValueError, match=r"^%s does not contain an 'out' group\.$" % h5):
+        zelpy.ZelDataSet().load(h5 + ":out:1")
+    make_dataset().save(h5 + ":out:1")
+    with pytest.raises(ValueError, match=r"^%s does not contain 'out:7' dataset\.$" % h5):
+        zelpy.ZelDataSet().load(h5 + ":out:7")
+    bad = "/no/such/dir/x.h5"
+    with pytest.raises(OSError, match=r"^Cannot open %s\.$" % bad):
+        make_dataset().save(bad + ":out:1")
+    with h5py.File(h5, "a") as f:
+        f["out"].create_dataset("9", data=np.frombuffer(b"junk", np.uint8))
+    with pytest.raises(ValueError, match="^Unable to decode memory buffer$"):
+        zelpy.ZelDataSet().load(h5 + ":out:9")
+
+
+def test_load_from_data_accepts_byte_buffers():
+    raw = make_dataset().export_raw()
+    for buffer in (raw, bytearray(raw), memoryview(raw), np.frombuffer(raw, np.uint8)):
+        ds = zelpy.ZelDataSet()
+        ds.load_from_data(buffer, "a.out")
+        assert ds.export_raw() == raw and ds.file_name() == "a.out"
+    with pytest.raises(TypeError):
+        zelpy.ZelDataSet().load_from_data("text", "a.out")
