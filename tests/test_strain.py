@@ -393,3 +393,26 @@ def test_singular_triangle_warnings_in_grid_order(capfd, severity):
 ])
 def test_docstrings(method, text):
     assert text in getattr(zelpy.ZelDataSet, method).__doc__
+
+
+def test_warnings_come_out_in_grid_order_with_many_workers(capfd, severity, workers):
+    # Points moved onto their left neighbour make degenerate triangles all
+    # over the grid; whatever the worker count, the warnings are those of a
+    # walk row by row.
+    x, y = plane_coordinates(ROWS, COLUMNS)
+    rng = np.random.default_rng(8)
+    for r, c in zip(rng.integers(0, ROWS, 12), rng.integers(1, COLUMNS, 12)):
+        x[r, c], y[r, c] = x[r, c - 1], y[r, c - 1]
+    valid = rng.uniform(size=(ROWS, COLUMNS)) > 0.3
+    severity(3)
+    logs, confidences = [], []
+    for n in (1, 4):
+        workers(n)
+        ds = grid_dataset(ROWS, COLUMNS, x, y, u=0.01 * x, valid=valid)
+        capfd.readouterr()
+        ds.compute_strain(3)
+        logs.append(capfd.readouterr().err)
+        confidences.append(ds[0].variable_view("sigma").copy())
+    assert "Could not invert matrix!!! " in logs[0] and "failed.\n" in logs[0]
+    assert logs[0] == logs[1]
+    assert np.array_equal(confidences[0], confidences[1])

@@ -24,11 +24,12 @@ constexpr double kSingularRatio = 1e-9;
 // Columns are processed in blocks of this many so that the inner loops have
 // a fixed trip count the compiler turns into vector code at -O2.
 constexpr int kBlock = 4;
+// Columns per strip (see PlaneFit).
 constexpr int kStrip = 128;
 
-// The hot loops are also built for AVX2 and picked at run time; without
-// -ffp-contract they do the same operations in the same order per column, so
-// both builds give bit-identical results.
+// The hot loops are also built for AVX2 and picked at run time. That target
+// has no fused multiply-add, so both builds do the same operations in the
+// same order per column and give bit-identical results on every machine.
 #if defined(__GNUC__) && defined(__x86_64__) && !defined(__clang__)
 #define NIMBRA_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
 #else

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "nimbra/analysis/Smoothing.h"
@@ -353,9 +354,12 @@ void compute_strain(float* const* strain, float* const* gradient, const float* x
     // that was, and, when warnings are written, points with failures so that
     // their warnings come out in grid order.
     const int count = std::min(resolveWorkerCount(workers), height);
+    // Contiguous bands of rows: a point reads the rows above and below it,
+    // which then are in the worker's cache already.
     runWorkers(count, [&](int k, int n) {
         quiet = true;
-        for (int r = k; r < height; r += n) {
+        const int last = static_cast<int>(static_cast<int64_t>(height) * (k + 1) / n);
+        for (int r = static_cast<int>(static_cast<int64_t>(height) * k / n); r < last; ++r) {
             for (int c = 0; c < width; ++c) {
                 const size_t p = static_cast<size_t>(r) * width + c;
                 if (!g.valid(p)) continue;
@@ -504,9 +508,12 @@ bool computeStrain(ZelData& data, int window, bool principal, bool reuse, bool w
     if (filterNote) label += " (" + std::to_string(window) + " filter)";
 
     // Work channels: exx, eyy, exy, then Hxx, Hxy, Hyx, Hyy.
-    std::vector<float> work(7 * size, 0.0f);
+    // Left uninitialised: the kernel writes every point that is valid after
+    // it, and the smoother reads nothing else. Its first touch then happens
+    // on the workers.
+    std::unique_ptr<float[]> work(new float[7 * size]);
     float* channels[7];
-    for (int k = 0; k < 7; ++k) channels[k] = work.data() + k * size;
+    for (int k = 0; k < 7; ++k) channels[k] = work.get() + k * size;
     compute_strain(channels, channels + 3, xyz[0], xyz[1], xyz[2], xyz[3], xyz[4], xyz[5],
                    confidence, tensorFunction(tensorType), width, height);
 
@@ -534,8 +541,7 @@ bool computeStrain(ZelData& data, int window, bool principal, bool reuse, bool w
         input.push_back(channels[k]);
     }
     smoothChannels(output, input, confidence, width, height, window, weighted);
-    work.clear();
-    work.shrink_to_fit();
+    work.reset();
 
     float* exx = data.variableValues(record.index[0]);
     float* eyy = data.variableValues(record.index[1]);
