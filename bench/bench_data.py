@@ -2,7 +2,8 @@
 
 Each figure is a ratio to a baseline measured in the same run on the same bytes:
     load            vs np.fromfile of the file          (target <= 1.3)
-    save            vs ndarray.tofile of the same bytes  (target <= 1.5)
+    save            vs ndarray.tofile of the same bytes  (target <= 1.5), to a new file
+                    and replacing an existing one
     load_from_data  vs one bytes copy of the block       (target <= 2)
     export_raw      vs one bytes copy of the block       (target <= 2)
     get_values(6)   vs filling the same structured array from numpy arrays (target <= 1.5)
@@ -77,7 +78,13 @@ def main():
         rows = []
         rows.append(("load", best(lambda: out.load(path)), best(lambda: np.fromfile(path, np.uint8)), 1.3))
         other = os.path.join(tmp, "copy.out")
-        rows.append(("save", best(lambda: ds.save(path)), best(lambda: array.tofile(other)), 1.5))
+        counter = iter(range(10 ** 6))
+        fresh = lambda stem: os.path.join(tmp, "%s%d.out" % (stem, next(counter)))  # noqa: E731
+        rows.append(("save (new file)", best(lambda: ds.save(fresh("n"))), best(lambda: array.tofile(fresh("m"))), 1.5))
+        # Replacing goes through a temporary file and a rename, and the
+        # filesystem writes the new data back before it replaces an existing
+        # file; tofile overwrites in place and risks the old file instead.
+        rows.append(("save (replace)", best(lambda: ds.save(path)), best(lambda: array.tofile(other)), 1.5))
         copy = lambda: bytearray(raw)  # noqa: E731  one copy of the block
         rows.append(("load_from_data", best(lambda: out.load_from_data(raw, "x.out")), best(copy), 2.0))
         rows.append(("export_raw", best(lambda: ds.export_raw()), best(copy), 2.0))

@@ -57,7 +57,7 @@ def bench_listing(root, entries, repeats):
     os.mkdir(directory)
     small, _ = make_block(16, 2)
     for i in range(entries):
-        with open(os.path.join(directory, "spec-%05d_0.out" % i), "wb") as stream:
+        with open(os.path.join(directory, "plate-%05d_0.out" % i), "wb") as stream:
             stream.write(small)
     h5_path = os.path.join(root, "many.h5")
     with h5py.File(h5_path, "w") as handle:
@@ -92,7 +92,7 @@ def bench_reading(root, datasets, points, variables, repeats):
     directory = os.path.join(root, "run")
     os.mkdir(directory)
     for i in range(datasets):
-        with open(os.path.join(directory, "spec-%04d_0.out" % i), "wb") as stream:
+        with open(os.path.join(directory, "plate-%04d_0.out" % i), "wb") as stream:
             stream.write(block)
     h5_path = os.path.join(root, "run.h5")
     with h5py.File(h5_path, "w") as handle:

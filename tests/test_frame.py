@@ -55,3 +55,10 @@ def test_log_severity_controls_library_messages(capfd):
         zelpy.set_log_severity(2)
     with pytest.raises(ValueError, match=r"^Log severity must be in range \[0,6\], got 7$"):
         zelpy.set_log_severity(7)
+
+
+def test_star_import_gives_the_public_api_only():
+    namespace = {}
+    exec("from zelpy import *", namespace)
+    assert not [name for name, value in namespace.items() if type(value).__name__ == "module"]
+    assert {"ZelDataSet", "ZelDataSetReader", "RTClient", "Rotation", "AOIPolygon", "ProjectFile"} <= set(namespace)

@@ -149,6 +149,11 @@ def test_guess_preconditions(tmp_path):
     with pytest.raises(AttributeError, match="^The project does not have a reference image$"):
         project.set_aoi_polygon_masks([AOIPolygon()], 8, 8)
     project.set_reference_image("ref.tif")
+    with pytest.raises(TypeError):
+        project.set_aoi_polygon_masks([AOIPolygon()], 8.5, 8)
+    with pytest.raises(TypeError):
+        project.set_aoi_polygon_masks((AOIPolygon(),), 8, 8)
+    assert project.root.find("projectaois/aoinode/polygonmask") is None
     with pytest.raises(AttributeError) as error:
         project.set_startpoint_guess("startpoint_7", "ref.tif", (0, 0), (0, 0), (0, 0))
     assert str(error.value) == "The startpoint is not in the project. Use add_startpoint first"

@@ -109,7 +109,7 @@ void radixSort(std::vector<Key>& keys) {
 }
 
 // The indices of the names in byte order. Names in one directory tend to
-// share a long prefix ("spec-000..."), so the 8 bytes after the prefix that
+// share a long prefix ("plate-000..."), so the 8 bytes after the prefix that
 // all names share decide almost every comparison: they are sorted as
 // integers, and only names that agree on all 8 are compared whole.
 std::vector<std::size_t> sortedOrder(const Names& names) {

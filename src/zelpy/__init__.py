@@ -10,10 +10,14 @@ re-exported here, so ``import zelpy`` and ``from zelpyx.zelpy import zelpy``
 give the same classes.
 """
 
-from zelpyx.zelpy import zelpy as _core
-from zelpyx.zelpy.zelpy import *  # noqa: F401,F403
+import types as _types
 
-__all__ = [name for name in dir(_core) if not name.startswith("_") and name not in ("np",)]
+from zelpyx.zelpy import zelpy as _core
+
+# The compiled module also holds the standard modules its classes use (os,
+# re, socket ...); only its own classes, enums and functions are re-exported.
+__all__ = sorted(name for name, value in vars(_core).items()
+                 if not name.startswith("_") and not isinstance(value, _types.ModuleType))
 globals().update({name: getattr(_core, name) for name in __all__})
 
 __version__ = "0.1.0"

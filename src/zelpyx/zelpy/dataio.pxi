@@ -93,23 +93,22 @@ cdef object _hdf5_member_span(str path, str key):
 
 
 cdef bint _decode_mapped(object dataset, str path, object offset, object size, str name,
-                         bytes head=None) except -1:
-    """Decode ``size`` bytes at ``offset`` of the file ``path`` (the whole
-    file when ``size`` is 0) into ``dataset`` straight from a read-only
-    mapping. False when the file cannot be mapped or its bytes differ from
-    ``head``; the ValueError of load_from_data when they do not decode."""
+                         bytes head) except -1:
+    """Decode ``size`` bytes at ``offset`` of the file ``path`` into
+    ``dataset`` straight from a read-only mapping. False when the file cannot
+    be mapped or its bytes differ from ``head``; the ValueError of
+    load_from_data when they do not decode."""
     try:
         with open(path, "rb") as stream:
             start = offset - offset % _mmap.ALLOCATIONGRANULARITY
-            mapped = _mmap.mmap(stream.fileno(), (offset - start) + size if size else 0,
-                                offset=start, access=_mmap.ACCESS_READ)
+            mapped = _mmap.mmap(stream.fileno(), (offset - start) + size, offset=start,
+                                access=_mmap.ACCESS_READ)
     except (OSError, ValueError, OverflowError):
         return False
     try:
         with memoryview(mapped) as whole:
-            end = (offset - start) + size if size else len(whole)
-            with whole[offset - start:end] as view:
-                if head is not None and view[:len(head)] != head:
+            with whole[offset - start:offset - start + size] as view:
+                if view[:len(head)] != head:
                     return False
                 dataset.load_from_data(view, name)
                 return True
@@ -118,25 +117,17 @@ cdef bint _decode_mapped(object dataset, str path, object offset, object size, s
 
 
 def _load_dataset(str name):
-    # The decoder reads straight from the page cache: one pass over the
-    # bytes instead of a read into a buffer followed by the decode. What
-    # cannot be mapped (missing or empty files, HDF5 members stored in
-    # chunks) goes through ZelDataSet.load.
     dataset = ZelDataSet()
     parts = name.split(_HDF5_MARK)
     if len(parts) == 2 and parts[0].endswith(".h5"):
-        # An undecodable member raises what load() raises for it.
+        # A member stored as it is in the file is decoded straight from the
+        # page cache: one pass over the bytes instead of a read through the
+        # library into a buffer followed by the decode. Other layouts (and
+        # every failure to map) go through ZelDataSet.load; an undecodable
+        # member raises what load() raises for it.
         span = _hdf5_member_span(parts[0], parts[1])
         if span is not None and _decode_mapped(dataset, parts[0], span[0], span[1], name, span[2]):
             return dataset
-    else:
-        try:
-            if _decode_mapped(dataset, name, 0, 0, name):
-                return dataset
-        except ValueError:
-            # Decoding the same bytes again through load() would only log
-            # the decoder's complaint twice.
-            raise NameError("Unable to find file: " + name + " or file is corrupted") from None
     dataset.load(name)
     return dataset
 

@@ -322,9 +322,9 @@ class ProjectFile:
         """Store ``masks`` (AOIPolygon objects) as the AOI mask of the
         reference image, an image of ``width`` x ``height`` pixels. A mask
         stored earlier is replaced."""
+        self.__check_root()
         width = _int_argument(width, "width")
         height = _int_argument(height, "height")
-        self.__check_root()
         reference = self.get_reference_image()
         if reference is None:
             raise AttributeError("The project does not have a reference image")
