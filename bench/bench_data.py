@@ -15,9 +15,10 @@ import os
 import subprocess
 import sys
 import tempfile
-import time
 
 import numpy as np
+
+from _timing import best
 
 import zelpy
 
@@ -39,15 +40,6 @@ def build(aois=4, rows=500, columns=500):
         for i in range(aois):
             ds[i].variable_view(name)[...] = rng.normal(size=(rows, columns))
     return ds
-
-
-def best(fn, repeat=7):
-    times = []
-    for _ in range(repeat):
-        t = time.perf_counter()
-        fn()
-        times.append(time.perf_counter() - t)
-    return min(times)
 
 
 # VmHWM belongs to the process image, so unlike ru_maxrss it does not carry

@@ -9,9 +9,10 @@ same run on the same arrays:
 Run: python bench/bench_geometry.py
 """
 
-import time
 
 import numpy as np
+
+from _timing import best
 
 import zelpy
 
@@ -35,15 +36,6 @@ def build(aois=4, rows=500, columns=500):
             if name == "confidence":
                 v[::7] = -1.0
     return ds
-
-
-def best(fn, repeat=5):
-    times = []
-    for _ in range(repeat):
-        t = time.perf_counter()
-        fn()
-        times.append(time.perf_counter() - t)
-    return min(times)
 
 
 def views(ds):

@@ -496,6 +496,19 @@ void forEachPoint(size_t size, const Fn& fn) {
     });
 }
 
+// Centre, half difference and radius of the in-plane Mohr circle. The
+// principal, Tresca and von Mises values differ only in the shear they pass:
+// the engineering kind halves its shear angle except for Tresca.
+struct MohrCircle {
+    double mean, half, radius;
+};
+
+inline MohrCircle mohrCircle(float exx, float eyy, double shear) {
+    const double m = 0.5 * (static_cast<double>(exx) + eyy);
+    const double d = 0.5 * (static_cast<double>(exx) - eyy);
+    return {m, d, std::sqrt(d * d + shear * shear)};
+}
+
 }  // namespace
 
 bool computeStrain(ZelData& data, int window, bool principal, bool reuse, bool weighted,
@@ -585,13 +598,11 @@ bool computeStrain(ZelData& data, int window, bool principal, bool reuse, bool w
                 e1[p] = e2[p] = gamma[p] = 0.0f;
                 return;
             }
-            const double m = 0.5 * (static_cast<double>(exx[p]) + eyy[p]);
-            const double d = 0.5 * (static_cast<double>(exx[p]) - eyy[p]);
             const double s = shearScale * exy[p];
-            const double r = std::sqrt(d * d + s * s);
-            e1[p] = static_cast<float>(m + r);
-            e2[p] = static_cast<float>(m - r);
-            gamma[p] = static_cast<float>(0.5 * std::atan2(s, d));
+            const MohrCircle c = mohrCircle(exx[p], eyy[p], s);
+            e1[p] = static_cast<float>(c.mean + c.radius);
+            e2[p] = static_cast<float>(c.mean - c.radius);
+            gamma[p] = static_cast<float>(0.5 * std::atan2(s, c.half));
         });
     }
     if (tresca) {
@@ -604,10 +615,8 @@ bool computeStrain(ZelData& data, int window, bool principal, bool reuse, bool w
                 return;
             }
             // The full shear for every kind, the engineering one included.
-            const double m = 0.5 * (static_cast<double>(exx[p]) + eyy[p]);
-            const double d = 0.5 * (static_cast<double>(exx[p]) - eyy[p]);
-            const double r = std::sqrt(static_cast<double>(exy[p]) * exy[p] + d * d);
-            const double e1 = m + r, e2 = m - r;
+            const MohrCircle c = mohrCircle(exx[p], eyy[p], exy[p]);
+            const double e1 = c.mean + c.radius, e2 = c.mean - c.radius;
             double value;
             if (e1 > 0.0)
                 value = e2 < 0.0 ? (e1 - e2) / 2.0 : e1 / 2.0;
@@ -625,11 +634,8 @@ bool computeStrain(ZelData& data, int window, bool principal, bool reuse, bool w
                 out[p] = 0.0f;
                 return;
             }
-            const double m = 0.5 * (static_cast<double>(exx[p]) + eyy[p]);
-            const double d = 0.5 * (static_cast<double>(exx[p]) - eyy[p]);
-            const double s = shearScale * exy[p];
-            const double r = std::sqrt(d * d + s * s);
-            const double e1 = m + r, e2 = m - r;
+            const MohrCircle c = mohrCircle(exx[p], eyy[p], shearScale * exy[p]);
+            const double e1 = c.mean + c.radius, e2 = c.mean - c.radius;
             out[p] = static_cast<float>(2.0 / 3.0 * std::sqrt(e1 * e1 - e1 * e2 + e2 * e2));
         });
     }
