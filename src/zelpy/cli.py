@@ -14,7 +14,6 @@ import glob
 import os
 import signal
 import sys
-import tempfile
 import threading
 
 EXIT_FAILED = 1
@@ -50,35 +49,11 @@ def _say(message: str) -> None:
         print(message, file=sys.stderr)
 
 
-@contextlib.contextmanager
 def _library_messages():
-    """Collect what the compiled library writes to standard error.
-
-    The library logs its own diagnostics (a decoder complaint, for example)
-    straight to file descriptor 2. The command folds them into its own
-    one-line messages instead of letting them interleave with its output.
-    """
-    lines: list[str] = []
-    try:
-        sys.stderr.flush()
-        saved = os.dup(2)
-    except (OSError, ValueError, AttributeError):
-        yield lines
-        return
-    with tempfile.TemporaryFile() as sink:
-        os.dup2(sink.fileno(), 2)
-        try:
-            yield lines
-        finally:
-            try:
-                sys.stderr.flush()
-            except (OSError, ValueError):
-                pass
-            os.dup2(saved, 2)
-            os.close(saved)
-            sink.seek(0)
-            text = sink.read().decode("utf-8", "replace")
-            lines.extend(line.strip() for line in text.splitlines() if line.strip())
+    """The library's own diagnostics, collected instead of printed (see
+    zelpy.series.library_messages)."""
+    from zelpy.series import library_messages
+    return library_messages()
 
 
 @contextlib.contextmanager
@@ -303,38 +278,27 @@ def _strain_options(args) -> dict:
                 output_gradient=args.gradient)
 
 
-def _compute_strain(ds, options: dict) -> None:
-    import zelpy
+class _StrainJob:
+    """Strain on one dataset; runs in this process or on a cluster worker.
 
-    opts = dict(options)
-    opts["tensor_type"] = getattr(zelpy.TensorType, opts.pop("tensor"))
-    with _library_messages() as lines:
+    A worker sends the dataset back encoded (a ZelDataSet does not travel
+    as it is); in this process the dataset itself is handed on.
+    """
+
+    def __init__(self, options: dict, encode: bool):
+        self.options = options
+        self.encode = encode
+
+    def __call__(self, ds):
+        import zelpy
+
+        opts = dict(self.options)
+        opts["tensor_type"] = getattr(zelpy.TensorType, opts.pop("tensor"))
         try:
             ds.compute_strain(**opts)
         except Exception as exc:
-            error = _detail(exc, lines) if lines else str(exc)
-            raise DatasetError(f"{ds.file_name()}: strain failed: {error}") from None
-
-
-def _worker_init() -> None:
-    # Ctrl-C is the parent's business: it stops handing out work and lets
-    # the workers finish or be dropped; they never write files.
-    signal.signal(signal.SIGINT, signal.SIG_IGN)
-
-
-def _strain_job(name: str, raw: bytes, options: dict):
-    """Runs in a worker process: strain on one encoded dataset."""
-    import zelpy
-
-    ds = zelpy.ZelDataSet()
-    try:
-        ds.load_from_data(raw, name)
-        _compute_strain(ds, options)
-    except DatasetError as exc:
-        return name, False, str(exc)
-    except Exception as exc:
-        return name, False, f"{name}: {exc}"
-    return name, True, ds.export_raw()
+            raise RuntimeError(f"strain failed: {exc}") from None
+        return ds.export_raw() if self.encode else ds
 
 
 def _make_writer(reader, dest: str | None):
@@ -375,6 +339,41 @@ def _store(save, ds, name: str) -> None:
         raise DatasetError(f"{name}: cannot be written: {_detail(exc, lines)}") from None
 
 
+def _executor(args, total: int):
+    """What runs the datasets: --scheduler, a local cluster of --jobs
+    workers (default: one per core), or this process (--jobs 1, a single
+    dataset, or no dask installed)."""
+    from zelpy import series
+
+    if getattr(args, "scheduler", None):
+        if series._distributed() is None:
+            raise CliError(f"--scheduler needs dask.distributed: {series.CLUSTER_HINT}")
+        return series.open_executor(args.scheduler)
+    jobs = args.jobs
+    if jobs == 1 or total <= 1:
+        return series.open_executor("inline")
+    if series._distributed() is None:
+        if jobs is not None:
+            _say(f"zelpy {args.command}: dask.distributed is not installed, so the "
+                 f"datasets run in this process ({series.CLUSTER_HINT})")
+        return series.open_executor("inline")
+    return series.open_executor("local", min(jobs or os.cpu_count() or 1, total))
+
+
+def _run(args, job_for, names, transfer=None):
+    """Yields (position, ok, result or message) per dataset as they finish,
+    on the executor the options choose. ``job_for(remote)`` makes the
+    per-dataset function."""
+    from zelpy import series
+
+    try:
+        with _executor(args, len(names)) as client:
+            yield from series._outcomes(job_for(client is not None), list(enumerate(names)),
+                                        client, transfer or args.transfer)
+    except OSError as exc:
+        raise CliError(str(exc)) from None
+
+
 def cmd_strain(args) -> int:
     import zelpy
 
@@ -383,84 +382,33 @@ def cmd_strain(args) -> int:
     save = _make_writer(reader, args.output)
     options = _strain_options(args)
     total = len(names)
+    # Writing back into the HDF5 file the workers read from would make them
+    # race for the file; then this process reads and sends the bytes.
+    transfer = "bytes" if args.output is None and reader.h5_file_path else None
     failed = done = 0
     bar = _progress(total, "strain", args.quiet)
     try:
-        if args.jobs <= 1 or total == 1:
-            for name in names:
-                try:
-                    ds = load_dataset(reader, name)
-                    _compute_strain(ds, options)
-                    _store(save, ds, name)
-                except DatasetError as exc:
-                    _say(f"zelpy strain: {exc}")
-                    failed += 1
-                done += 1
-                bar.update(1)
-        else:
-            for ok in _strain_parallel(reader, names, options, save, args.jobs):
-                failed += not ok
-                done += 1
-                bar.update(1)
+        for position, ok, result in _run(args, lambda remote: _StrainJob(options, remote),
+                                         names, transfer):
+            name = names[position]
+            try:
+                if not ok:
+                    raise DatasetError(result)
+                if isinstance(result, bytes):
+                    ds = zelpy.ZelDataSet()
+                    ds.load_from_data(result, name)
+                    result = ds
+                _store(save, result, name)
+            except DatasetError as exc:
+                _say(f"zelpy strain: {exc}")
+                failed += 1
+            done += 1
+            bar.update(1)
     except KeyboardInterrupt:
         bar.close()
         return _interrupted("strain", done - failed, total)
     bar.close()
     return _finish("strain", failed, total)
-
-
-def _strain_parallel(reader, names, options, save, jobs):
-    """Yields True/False per finished dataset.
-
-    All file access stays in this process (an HDF5 file may not be opened
-    for writing here while a worker reads it), and only a few datasets are
-    in flight at a time so memory stays bounded.
-    """
-    import multiprocessing
-    from concurrent.futures import FIRST_COMPLETED, ProcessPoolExecutor, wait
-
-    import zelpy
-
-    context = multiprocessing.get_context("spawn")
-    pool = ProcessPoolExecutor(max_workers=jobs, mp_context=context,
-                               initializer=_worker_init)
-    pending = set()
-    queue = list(names)
-    clean = False
-    try:
-        while queue or pending:
-            while queue and len(pending) < 2 * jobs:
-                name = queue.pop(0)
-                try:
-                    raw = load_dataset(reader, name).export_raw()
-                except DatasetError as exc:
-                    _say(f"zelpy strain: {exc}")
-                    yield False
-                    continue
-                pending.add(pool.submit(_strain_job, name, raw, options))
-            if not pending:
-                continue
-            finished, pending = wait(pending, return_when=FIRST_COMPLETED)
-            for future in finished:
-                name, ok, payload = future.result()
-                if not ok:
-                    _say(f"zelpy strain: {payload}")
-                    yield False
-                    continue
-                ds = zelpy.ZelDataSet()
-                ds.load_from_data(payload, name)
-                try:
-                    _store(save, ds, name)
-                except DatasetError as exc:
-                    _say(f"zelpy strain: {exc}")
-                    yield False
-                    continue
-                yield True
-        clean = True
-    finally:
-        # On Ctrl-C, queued work is dropped; running workers only compute,
-        # so nothing on disk depends on them.
-        pool.shutdown(wait=clean, cancel_futures=True)
 
 
 # ----------------------------------------------------------------- convert
@@ -498,6 +446,34 @@ def _selected(reader, indices) -> list[str]:
     return [_pick(reader, i) for i in indices]
 
 
+class _ExportJob:
+    """One dataset as the bytes of its CSV or VTU file; the file itself is
+    written by the command, where the data lives."""
+
+    def __init__(self, fmt: str, variables, all_points: bool):
+        self.fmt, self.variables, self.all_points = fmt, variables, all_points
+
+    def __call__(self, ds) -> bytes:
+        from zelpy import export
+
+        try:
+            if self.fmt == "csv":
+                return export.csv_bytes(ds, self.variables, self.all_points)[0]
+            return export.vtu_bytes(ds, self.variables)[0]
+        except KeyError as exc:
+            raise ValueError(exc.args[0]) from None
+
+
+def _first_variables(reader, names) -> list[str] | None:
+    """The variables of the first dataset that can be read."""
+    for name in names[:3]:
+        try:
+            return load_dataset(reader, name).variables()
+        except DatasetError:
+            continue
+    return None
+
+
 def cmd_export(args) -> int:
     import zelpy
     from zelpy import export
@@ -505,44 +481,44 @@ def cmd_export(args) -> int:
     reader = open_source(args.source)
     names = _selected(reader, args.dataset)
     outdir = args.output or _source_dir(reader, args.source)
+    variables = args.variables
+    have = _first_variables(reader, names)
+    if have is not None:
+        if variables is None:
+            variables = have
+        # A misspelt variable is a mistake on the command line, not a
+        # problem of one dataset: stop before anything is written.
+        missing = [v for v in variables if v not in have]
+        if missing:
+            raise CliError(f"unknown variable '{missing[0]}' (available: {', '.join(have)})")
     os.makedirs(outdir, exist_ok=True)
     ext = "." + args.format
-    written, failed = [], 0
-    variables = args.variables
+    written, failed = {}, 0
     bar = _progress(len(names), "export", args.quiet)
     try:
-        for name in names:
+        job = _ExportJob(args.format, variables or [], args.all_points)
+        for position, ok, result in _run(args, lambda remote: job, names):
+            name = names[position]
+            path = os.path.join(outdir, os.path.basename(
+                zelpy.change_file_extension(name, ext)))
             try:
-                ds = load_dataset(reader, name)
-                if variables is None:
-                    variables = ds.variables()
-                elif not written and not failed:
-                    # A misspelt variable is a mistake on the command line,
-                    # not a problem of one dataset: stop before writing.
+                if not ok:
+                    raise DatasetError(result)
+                with _deferred_interrupt():
                     try:
-                        export.check_variables(ds, variables)
-                    except KeyError as exc:
-                        raise CliError(exc.args[0]) from None
-                path = os.path.join(outdir, os.path.basename(
-                    zelpy.change_file_extension(name, ext)))
-                with _deferred_interrupt(), _library_messages() as lines:
-                    try:
-                        if args.format == "csv":
-                            export.write_csv(ds, path, variables, args.all_points)
-                        else:
-                            export.write_vtu(ds, path, variables)
-                    except (KeyError, ValueError, OSError) as exc:
-                        msg = exc.args[0] if isinstance(exc, KeyError) else _detail(exc, lines)
-                        raise DatasetError(f"{name}: {msg}") from None
-                written.append(path)
+                        export.write_bytes(path, result)
+                    except OSError as exc:
+                        raise DatasetError(f"{name}: cannot be written: {exc}") from None
+                written[position] = path
             except DatasetError as exc:
                 _say(f"zelpy export: {exc}")
                 failed += 1
             bar.update(1)
         if args.format == "vtu" and len(written) > 1:
             stem = os.path.splitext(os.path.basename(
-                reader.get_data_source() or written[0]))[0]
-            export.write_pvd(os.path.join(outdir, stem + ".pvd"), written)
+                reader.get_data_source() or next(iter(written.values()))))[0]
+            export.write_pvd(os.path.join(outdir, stem + ".pvd"),
+                             [written[p] for p in sorted(written)])
     except KeyboardInterrupt:
         bar.close()
         return _interrupted("export", len(written), len(names))
@@ -664,6 +640,18 @@ def _port(text: str) -> int:
     return value
 
 
+def _cluster_options(p) -> None:
+    p.add_argument("-j", "--jobs", type=_positive, default=None,
+                   help="worker processes of the local cluster (default: one per "
+                        "core; 1 runs in this process)")
+    p.add_argument("--scheduler", metavar="ADDRESS",
+                   help="run on this dask.distributed cluster (tcp://HOST:PORT) "
+                        "instead of a local one")
+    p.add_argument("--transfer", choices=("names", "bytes"), default="names",
+                   help="what workers get: dataset names, read from a shared file "
+                        "system (default), or the datasets' bytes")
+
+
 SOURCE_HELP = ("a directory of .out files, a .out file, a glob pattern, an HDF5 "
                "file or a project (.z3d/.z2d)")
 
@@ -730,8 +718,7 @@ def build_parser() -> argparse.ArgumentParser:
                    help="smooth with equal weights instead of the weighted filter")
     p.add_argument("--no-reuse", action="store_true",
                    help="add new strain variables even where they exist already")
-    p.add_argument("-j", "--jobs", type=_positive, default=1,
-                   help="datasets computed in parallel processes (default 1)")
+    _cluster_options(p)
     p.add_argument("-q", "--quiet", action="store_true", help="no progress bar")
     p.set_defaults(func=cmd_strain)
 
@@ -760,6 +747,7 @@ def build_parser() -> argparse.ArgumentParser:
                    help="export only this dataset (repeatable; default: all)")
     p.add_argument("--all-points", action="store_true",
                    help="CSV: include invalid points too")
+    _cluster_options(p)
     p.add_argument("-q", "--quiet", action="store_true", help="no progress bar")
     p.set_defaults(func=cmd_export)
 

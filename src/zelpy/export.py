@@ -8,6 +8,7 @@ them as they are.
 from __future__ import annotations
 
 import base64
+import io
 import os
 import re
 from xml.sax.saxutils import quoteattr
@@ -93,6 +94,13 @@ def write_csv(ds, path: str, variables, all_points: bool = False) -> int:
     nine significant digits, which round-trips every float32 exactly.
     Returns the number of rows written.
     """
+    text, rows = csv_bytes(ds, variables, all_points)
+    _atomic_write(path, lambda f: f.write(text), binary=True)
+    return rows
+
+
+def csv_bytes(ds, variables, all_points: bool = False) -> tuple[bytes, int]:
+    """The table of :func:`write_csv` as bytes, and its number of rows."""
     check_variables(ds, variables)
     blocks = []
     for n in range(ds.num_data()):
@@ -113,10 +121,9 @@ def write_csv(ds, path: str, variables, all_points: bool = False) -> int:
         table = table[valid_mask(ds)]
     header = ",".join(["aoi", "row", "column", *variables])
     fmt = ["%d", "%d", "%d"] + ["%.9g"] * len(variables)
-    _atomic_write(path, lambda f: np.savetxt(
-        f, table, fmt=fmt, delimiter=",", header=header, comments=""),
-        binary=True)
-    return len(table)
+    out = io.BytesIO()
+    np.savetxt(out, table, fmt=fmt, delimiter=",", header=header, comments="")
+    return out.getvalue(), len(table)
 
 
 def _b64_block(array: np.ndarray) -> str:
@@ -142,6 +149,13 @@ def write_vtu(ds, path: str, variables) -> tuple[int, int]:
     every chosen variable becomes a point-data array. Returns
     (points, cells).
     """
+    text, npts, ncells = vtu_bytes(ds, variables)
+    _atomic_write(path, lambda f: f.write(text), binary=True)
+    return npts, ncells
+
+
+def vtu_bytes(ds, variables) -> tuple[bytes, int, int]:
+    """The file of :func:`write_vtu` as bytes, with its point and cell counts."""
     check_variables(ds, variables)
     pts, _ = positions(ds)
     valid = valid_mask(ds)
@@ -178,8 +192,7 @@ def write_vtu(ds, path: str, variables) -> tuple[int, int]:
         _data_array("types", np.full(ncells, 5, dtype=np.uint8), "UInt8"),
         '\n</Cells>\n</Piece>\n</UnstructuredGrid>\n</VTKFile>\n',
     ]
-    _atomic_write(path, lambda f: f.write("".join(parts)))
-    return npts, ncells
+    return "".join(parts).encode("utf-8"), npts, ncells
 
 
 def write_pvd(path: str, vtu_files) -> None:
@@ -193,6 +206,11 @@ def write_pvd(path: str, vtu_files) -> None:
         lines.append(f'<DataSet timestep="{step}" part="0" file={quoteattr(rel)}/>')
     lines += ['</Collection>', '</VTKFile>', '']
     _atomic_write(path, lambda f: f.write("\n".join(lines)))
+
+
+def write_bytes(path: str, data: bytes) -> None:
+    """Write ``data`` to ``path`` through a temporary file and a rename."""
+    _atomic_write(path, lambda f: f.write(data), binary=True)
 
 
 def _atomic_write(path: str, fill, binary: bool = False) -> None:

@@ -1,0 +1,710 @@
+"""Histories over a whole measurement, and batch work on a Dask cluster.
+
+A measurement is a series of data files, one per image. :class:`Series`
+runs a function over every dataset of a series (:meth:`Series.map`) and
+builds on it what engineers report: values at gauge points over the series
+(:meth:`Series.probe`), a virtual extensometer (:meth:`Series.extensometer`),
+line profiles at chosen stages (:meth:`Series.line_profile`) and statistics
+per stage (:meth:`Series.reduce`).
+
+Every operation streams: one dataset is in memory per worker at a time, and
+only small results (or encoded bytes) travel back. It runs in this process,
+or on ``dask.distributed`` (the ``zelpy[cluster]`` extra) when given an
+executor: a ``distributed.Client``, a scheduler address, or ``"local"`` for a
+local cluster sized to the machine. Workers receive dataset *names* and read
+the files themselves, which assumes they see the same file system as this
+process; ``transfer="bytes"`` sends the encoded datasets instead, for workers
+that cannot see the files. Nothing is ever written by a worker.
+"""
+
+from __future__ import annotations
+
+import atexit
+import contextlib
+import math
+import os
+import re
+import sys
+import tempfile
+import threading
+import uuid
+import warnings
+
+import numpy as np
+
+__all__ = ["Series", "SeriesError", "SeriesInterrupted", "open_executor",
+           "short_name", "dataset_number"]
+
+_OUT_NUMBER = re.compile(r"[\-_]([0-9]+)_[0-9]\.out$")
+_STATS = ("min", "max", "mean", "std", "median", "count")
+_PERCENTILE = re.compile(r"^p(\d{1,2}(?:\.\d+)?|100)$")
+
+CLUSTER_HINT = "pip install \"zelpy[cluster]\""
+
+
+class SeriesError(RuntimeError):
+    """Some datasets of a series could not be processed.
+
+    Raised after every other dataset was processed. ``failures`` maps each
+    failed dataset name to its message; ``result`` holds what the operation
+    would have returned, with gaps (None in a list, NaN rows in a frame)
+    where datasets failed.
+    """
+
+    def __init__(self, failures: dict, result=None):
+        self.failures = dict(failures)
+        self.result = result
+        names = list(self.failures)
+        shown = "; ".join(self.failures[n] for n in names[:3])
+        more = f" (and {len(names) - 3} more)" if len(names) > 3 else ""
+        super().__init__(f"{len(names)} dataset(s) failed: {shown}{more}")
+
+
+class SeriesInterrupted(KeyboardInterrupt):
+    """Ctrl-C stopped a series operation.
+
+    A KeyboardInterrupt, so scripts stop as they always do; ``result`` holds
+    what was finished (gaps where datasets were not), and ``done`` counts it.
+    """
+
+    def __init__(self, result=None, done: int = 0, total: int = 0):
+        super().__init__(f"interrupted; {done} of {total} datasets finished")
+        self.result = result
+        self.done = done
+        self.total = total
+
+
+# ------------------------------------------------------------------ names
+
+def short_name(name: str) -> str:
+    """A dataset name as a user recognises it: the file name, or
+    ``file.h5:out:key`` for a member of an HDF5 file."""
+    if ":out:" in name:
+        path, key = name.split(":out:", 1)
+        return f"{os.path.basename(path)}:out:{key}"
+    return os.path.basename(name)
+
+
+def dataset_number(name: str) -> int | None:
+    """The image number a dataset name carries (the key of an HDF5 member,
+    or INDEX in ``NAME-INDEX_0.out``); None when it carries none."""
+    if ":out:" in name:
+        key = name.split(":out:", 1)[1]
+        return int(key) if key.isdigit() else None
+    m = _OUT_NUMBER.search(name)
+    return int(m.group(1)) if m else None
+
+
+# ------------------------------------------------------- optional packages
+
+def _distributed():
+    """The ``distributed`` module, or None when it is not installed."""
+    try:
+        import distributed
+    except ImportError:
+        return None
+    return distributed
+
+
+def _pandas():
+    try:
+        import pandas
+    except ImportError:
+        raise ImportError("series tables need pandas: pip install \"zelpy[series]\"") from None
+    return pandas
+
+
+# ------------------------------------------------- library diagnostics
+
+@contextlib.contextmanager
+def library_messages():
+    """Collect what the compiled library writes to standard error.
+
+    The library logs its own diagnostics (a decoder complaint, for example)
+    straight to file descriptor 2; they are folded into one failure message
+    instead of interleaving with progress bars and output.
+    """
+    lines: list[str] = []
+    try:
+        sys.stderr.flush()
+        saved = os.dup(2)
+    except (OSError, ValueError, AttributeError):
+        yield lines
+        return
+    with tempfile.TemporaryFile() as sink:
+        os.dup2(sink.fileno(), 2)
+        try:
+            yield lines
+        finally:
+            try:
+                sys.stderr.flush()
+            except (OSError, ValueError):
+                pass
+            os.dup2(saved, 2)
+            os.close(saved)
+            sink.seek(0)
+            text = sink.read().decode("utf-8", "replace")
+            lines.extend(line.strip() for line in text.splitlines() if line.strip())
+
+
+def _detail(exc: BaseException, lines: list[str]) -> str:
+    return "; ".join(lines) if lines else str(exc)
+
+
+# ------------------------------------------------------------ one dataset
+
+def _read_bytes(name: str) -> bytes:
+    """The encoded bytes of a dataset, as stored (a file or an HDF5 member)."""
+    if ":out:" in name:
+        path, key = name.split(":out:", 1)
+        import h5py
+        with h5py.File(path, "r") as handle:
+            return bytes(np.asarray(handle["out"][key], dtype=np.uint8))
+    with open(name, "rb") as stream:
+        return stream.read()
+
+
+def load(name: str, payload: bytes | None = None):
+    """A ZelDataSet from its name, or from ``payload`` (its encoded bytes)."""
+    from zelpyx.zelpy import zelpy as core
+
+    if payload is not None:
+        ds = core.ZelDataSet()
+        ds.load_from_data(payload, name)
+        return ds
+    return core._load_dataset(name)
+
+
+def _on_worker() -> str | None:
+    """The address of the dask worker running this code, if any."""
+    distributed = _distributed()
+    if distributed is None:
+        return None
+    try:
+        return distributed.get_worker().address
+    except (ValueError, AttributeError):
+        return None
+
+
+def _apply(fn, position: int, name: str, payload, capture: bool):
+    """Load one dataset and run ``fn`` on it: (position, ok, result or message).
+
+    Every failure becomes a message naming the dataset, so one bad file never
+    stops the others and the report says which file it was.
+    """
+    stage = "read"
+    try:
+        with (library_messages() if capture else contextlib.nullcontext([])) as lines:
+            ds = load(name, payload)
+            stage = "run"
+            return position, True, fn(ds)
+    except Exception as exc:
+        if stage == "run":
+            extra = f" ({'; '.join(lines)})" if lines else ""
+            return position, False, f"{name}: {exc}{extra}"
+        where = _on_worker()
+        if payload is None and where and not os.path.exists(name.split(":out:")[0]):
+            return position, False, (
+                f"{name}: not found on worker {where} (workers read the files "
+                "themselves; without a shared file system send the data with "
+                "transfer='bytes' / --transfer bytes)")
+        return position, False, f"{name}: cannot be read: {_detail(exc, lines)}"
+
+
+# --------------------------------------------------------------- executors
+
+_local_lock = threading.Lock()
+_local_clients: dict = {}
+
+
+def _close_local_clusters() -> None:
+    for client in list(_local_clients.values()):
+        with contextlib.suppress(Exception):
+            cluster = client.cluster
+            client.close()
+            cluster.close()
+    _local_clients.clear()
+
+
+def local_client(workers: int | None = None):
+    """A client of a local cluster with ``workers`` single-threaded worker
+    processes (default: one per core), started on first use and kept for
+    the life of the process."""
+    distributed = _distributed()
+    if distributed is None:
+        raise ImportError(f"a local cluster needs dask.distributed: {CLUSTER_HINT}")
+    workers = workers or os.cpu_count() or 1
+    with _local_lock:
+        client = _local_clients.get(workers)
+        if client is None or client.status not in ("running", "connecting"):
+            import logging
+            cluster = distributed.LocalCluster(
+                n_workers=workers, threads_per_worker=1, processes=True,
+                host="127.0.0.1", dashboard_address=None,
+                silence_logs=logging.ERROR)
+            client = distributed.Client(cluster, set_as_default=False)
+            if not _local_clients:
+                atexit.register(_close_local_clusters)
+            _local_clients[workers] = client
+    return client
+
+
+@contextlib.contextmanager
+def open_executor(executor=None, workers: int | None = None):
+    """Resolve an ``executor`` argument; yields a ``distributed.Client`` or
+    None (run in this process).
+
+    - None: the client a script made current (``distributed.Client(...)``
+      makes itself the default), else this process;
+    - ``"inline"``: this process;
+    - ``"local"``: a local cluster of ``workers`` processes (default one per
+      core), kept for later calls;
+    - a scheduler address such as ``"tcp://10.0.0.5:8786"``: a client of
+      that cluster, closed afterwards;
+    - a ``distributed.Client``: used as it is.
+    """
+    if executor is None:
+        distributed = _distributed()
+        client = None
+        if distributed is not None:
+            with contextlib.suppress(ValueError):
+                client = distributed.default_client()
+        yield client
+        return
+    if isinstance(executor, str):
+        if executor == "inline":
+            yield None
+            return
+        if executor == "local":
+            yield local_client(workers)
+            return
+        distributed = _distributed()
+        if distributed is None:
+            raise ImportError(f"a scheduler address needs dask.distributed: {CLUSTER_HINT}")
+        import logging
+        logging.getLogger("distributed").setLevel(logging.ERROR)
+        try:
+            client = distributed.Client(executor, set_as_default=False, timeout=30)
+        except OSError as exc:
+            raise OSError(f"cannot reach the scheduler at {executor}: {exc}") from None
+        try:
+            yield client
+        finally:
+            client.close()
+        return
+    if hasattr(executor, "submit") and hasattr(executor, "gather"):
+        yield executor
+        return
+    raise TypeError("executor must be None, 'inline', 'local', a scheduler address "
+                    f"or a distributed.Client, not {type(executor).__name__}")
+
+
+def _outcomes(fn, items, client, transfer: str, tick=None):
+    """Run ``fn`` over ``items`` ((position, name) pairs); yields
+    (position, ok, result or message) as datasets finish.
+
+    On a cluster only a few datasets are in flight at a time, so results and
+    sent bytes never pile up; leaving the generator early (Ctrl-C, an error
+    in the caller) cancels what is still queued.
+    """
+    if transfer not in ("names", "bytes"):
+        raise ValueError(f"transfer must be 'names' or 'bytes', not {transfer!r}")
+    if client is None:
+        for position, name in items:
+            if transfer == "bytes":
+                try:
+                    payload = _read_bytes(name)
+                except Exception as exc:
+                    yield position, False, f"{name}: cannot be read: {exc}"
+                    continue
+                outcome = _apply(fn, position, name, payload, True)
+            else:
+                outcome = _apply(fn, position, name, None, True)
+            if tick:
+                tick()
+            yield outcome
+        return
+
+    distributed = _distributed()
+    try:
+        slots = 2 * max(1, sum(client.nthreads().values()))
+    except Exception:
+        slots = 4
+    queue = iter(items)
+    running: dict = {}
+    completed = distributed.as_completed(loop=client.loop)
+    tag = uuid.uuid4().hex[:8]
+
+    def submit() -> tuple | None:
+        """Send the next dataset; an outcome when it fails before leaving."""
+        position, name = next(queue)
+        payload = None
+        if transfer == "bytes":
+            try:
+                payload = client.scatter(_read_bytes(name), hash=False)
+            except Exception as exc:
+                return position, False, f"{name}: cannot be read: {exc}"
+        future = client.submit(_apply, fn, position, name, payload, True,
+                               key=f"zelpy-{tag}-{position}", pure=False)
+        running[future.key] = (future, position, name, payload)
+        completed.add(future)
+        return None
+
+    try:
+        exhausted = False
+        while True:
+            while not exhausted and len(running) < slots:
+                try:
+                    early = submit()
+                except StopIteration:
+                    exhausted = True
+                    break
+                if early is not None:
+                    if tick:
+                        tick()
+                    yield early
+            if not running:
+                break
+            future = next(completed)
+            _, position, name, payload = running.pop(future.key)
+            try:
+                outcome = future.result()
+            except Exception as exc:
+                # Only a worker that died (or was killed) gets here; the
+                # function's own errors come back as messages.
+                outcome = (position, False, f"{name}: worker failed: {type(exc).__name__}: {exc}")
+            finally:
+                if payload is not None:
+                    payload.release()
+                future.release()
+            if tick:
+                tick()
+            yield outcome
+    finally:
+        if running:
+            with contextlib.suppress(Exception):
+                client.cancel([entry[0] for entry in running.values()])
+
+
+# -------------------------------------------------------------- progress
+
+class _NoBar:
+    def update(self, n=1):
+        pass
+
+    def close(self):
+        pass
+
+
+def progress_bar(total: int, desc: str, show=None, stream=None):
+    """A tqdm bar on standard error; by default only on a terminal."""
+    stream = stream or sys.stderr
+    if show is None:
+        show = bool(getattr(stream, "isatty", lambda: False)())
+    if not show:
+        return _NoBar()
+    try:
+        from tqdm import tqdm
+    except ImportError:
+        return _NoBar()
+    return tqdm(total=total, desc=desc, unit="dataset", file=stream, dynamic_ncols=True)
+
+
+# ----------------------------------------------------- per-dataset functions
+# Module-level classes rather than closures: they travel to workers by
+# reference, and a worker imports zelpy.series to run them.
+
+def _valid(ds) -> np.ndarray:
+    from zelpy.export import valid_mask
+    return valid_mask(ds)
+
+
+class _Reduce:
+    def __init__(self, variables, stats):
+        self.variables = list(variables)
+        self.stats = list(stats)
+
+    def __call__(self, ds) -> np.ndarray:
+        values = ds.get_values(self.variables)
+        valid = _valid(ds)
+        out = np.full((len(self.variables), len(self.stats)), np.nan)
+        for i, v in enumerate(self.variables):
+            column = values[v].astype(np.float64)
+            column = column[valid & np.isfinite(column)]
+            for j, stat in enumerate(self.stats):
+                out[i, j] = _statistic(column, stat)
+        return out
+
+
+def _statistic(values: np.ndarray, stat: str) -> float:
+    if stat == "count":
+        return float(values.size)
+    if values.size == 0:
+        return math.nan
+    if stat in ("min", "max", "mean", "std", "median"):
+        return float(getattr(np, stat)(values))
+    return float(np.percentile(values, float(_PERCENTILE.match(stat).group(1))))
+
+
+def _check_stats(stats) -> list[str]:
+    stats = [stats] if isinstance(stats, str) else list(stats)
+    for stat in stats:
+        if stat not in _STATS and not _PERCENTILE.match(stat):
+            raise ValueError(f"unknown statistic '{stat}' (choose from "
+                             f"{', '.join(_STATS)} or a percentile such as p95)")
+    if not stats:
+        raise ValueError("no statistic asked for")
+    return stats
+
+
+# ------------------------------------------------------------------ Series
+
+class Series:
+    """The datasets of one measurement, in order, for operations over all
+    of them.
+
+    ``source`` is anything ``ZelDataSetReader`` accepts (a directory, a
+    ``.out`` file, a glob pattern, an HDF5 file, a project, or a list of
+    these), or a reader; the datasets keep the reader's order.
+
+    ``analog`` gives values per dataset to plot against (load, time): a
+    sequence of numbers, a dict of columns (name -> sequence; the dict of
+    ``ProjectFile.get_analog_data_csv()`` fits as it is, its "header" key
+    naming the columns), or a pandas DataFrame. Rows are matched to datasets
+    in order when there are as many rows as datasets; otherwise by image
+    number (row k belongs to the dataset numbered k). With a project as
+    ``source``, ``analog=True`` reads the project's own analog data.
+
+    ``executor`` is the default of every operation (see :meth:`map`).
+    """
+
+    def __init__(self, source, analog=None, executor=None):
+        import zelpy
+
+        if isinstance(source, zelpy.ZelDataSetReader):
+            reader = source
+        else:
+            reader = zelpy.ZelDataSetReader(source)
+        self.reader = reader
+        self.names = list(reader.get_dataset_list())
+        numbers = [dataset_number(n) for n in self.names]
+        if None in numbers or len(set(numbers)) != len(numbers):
+            numbers = list(range(len(self.names)))
+        self.numbers = numbers
+        self.executor = executor
+        if analog is True:
+            analog = self._project_analog(source)
+        self.analog = self._match_analog(analog) if analog is not None else None
+
+    # ------------------------------------------------------------ basics
+
+    def __len__(self) -> int:
+        return len(self.names)
+
+    def __getitem__(self, position: int):
+        """The dataset at ``position`` (negative counts from the end)."""
+        return load(self.names[position])
+
+    def __iter__(self):
+        """The datasets in order, loaded one at a time."""
+        for name in self.names:
+            yield load(name)
+
+    def __repr__(self) -> str:
+        where = self.reader.get_data_source() or (self.names[0] if self.names else "")
+        return f"<Series of {len(self)} datasets from {where}>"
+
+    def index(self, stages=None):
+        """The pandas index of the result tables: (number, dataset)."""
+        pd = _pandas()
+        positions = self._positions(stages)
+        return pd.MultiIndex.from_arrays(
+            [[self.numbers[p] for p in positions],
+             [short_name(self.names[p]) for p in positions]],
+            names=["number", "dataset"])
+
+    # ------------------------------------------------------------ analog
+
+    @staticmethod
+    def _project_analog(source):
+        import zelpy
+
+        path = os.fspath(source) if isinstance(source, (str, os.PathLike)) else None
+        if not path or not path.endswith(".z3d"):
+            raise ValueError("analog=True needs a .z3d project as the source")
+        return zelpy.ProjectFile(path).get_analog_data_csv()
+
+    def _match_analog(self, analog):
+        pd = _pandas()
+        if isinstance(analog, pd.DataFrame):
+            frame = analog.reset_index(drop=True)
+        elif isinstance(analog, dict):
+            columns = analog.get("header") or [k for k in analog if k != "header"]
+            frame = pd.DataFrame({c: list(analog[c]) for c in columns})
+        else:
+            frame = pd.DataFrame({"analog": list(np.asarray(analog).ravel())})
+        # CSV columns arrive as text; numbers become numbers, the rest stays.
+        for column in frame.columns:
+            converted = pd.to_numeric(frame[column], errors="coerce")
+            if converted.notna().sum() == frame[column].notna().sum():
+                frame[column] = converted
+        n = len(self.names)
+        if len(frame) == n:
+            rows = list(range(n))
+        elif len(frame) > max(self.numbers, default=-1):
+            rows = list(self.numbers)
+        else:
+            raise ValueError(f"the analog data has {len(frame)} rows for {n} datasets "
+                             f"(numbered up to {max(self.numbers, default=0)})")
+        frame = frame.iloc[rows].reset_index(drop=True)
+        frame.index = self.index()
+        return frame
+
+    def x_values(self, spec: str | None, stages=None):
+        """The x axis a history is plotted against: ``None`` or "number"
+        (the image number), "index" (the position in the series), or
+        "analog:COLUMN" (a column of the analog data; COLUMN may leave out a
+        unit in square brackets, so "analog:force" finds "force [kN]").
+        Returns (label, values)."""
+        positions = self._positions(stages)
+        if spec in (None, "number"):
+            return "image number", np.array([self.numbers[p] for p in positions], float)
+        if spec == "index":
+            return "index", np.array(positions, dtype=float)
+        if spec.startswith("analog:"):
+            if self.analog is None:
+                raise ValueError("the series has no analog data")
+            column = _find_column(self.analog.columns, spec[len("analog:"):])
+            return str(column), self.analog[column].to_numpy()[positions].astype(float)
+        raise ValueError(f"unknown x axis '{spec}' (number, index or analog:COLUMN)")
+
+    # ------------------------------------------------------------- map
+
+    def _positions(self, stages) -> list[int]:
+        n = len(self.names)
+        if stages is None:
+            return list(range(n))
+        if isinstance(stages, (int, np.integer)):
+            stages = [stages]
+        out = []
+        for s in stages:
+            s = int(s)
+            if not -n <= s < n:
+                raise IndexError(f"stage {s} outside the series of {n} datasets")
+            out.append(s % n)
+        return out
+
+    def map(self, fn, *, stages=None, executor=None, transfer: str = "names",
+            errors: str = "raise", progress=None, desc: str = "series") -> list:
+        """``fn(dataset)`` for every dataset (or the positions ``stages``), in
+        series order.
+
+        ``executor``: None uses the current ``distributed`` client if a
+        script made one, else this process; ``"inline"``, ``"local"`` (a
+        local cluster sized to the machine), a scheduler address or a
+        ``distributed.Client`` choose explicitly. On a cluster ``fn`` must be
+        picklable (cloudpickle also takes lambdas and closures) and zelpy
+        installed on the workers, and its results travel back, so they
+        should be small. ``transfer="names"`` lets workers read the files
+        (a shared file system); ``"bytes"`` sends them each dataset.
+
+        A dataset that fails (unreadable, or ``fn`` raises) does not stop
+        the others. ``errors="raise"`` then raises :class:`SeriesError` at
+        the end, naming each failed file, with the results in ``.result``
+        (None where it failed); ``"warn"`` issues one warning per failed
+        file and returns the results with None; ``"ignore"`` returns them
+        silently. Ctrl-C raises :class:`SeriesInterrupted`, which carries
+        what was finished. A progress bar is shown on a terminal
+        (``progress=True``/``False`` to force it).
+        """
+        if errors not in ("raise", "warn", "ignore"):
+            raise ValueError(f"errors must be 'raise', 'warn' or 'ignore', not {errors!r}")
+        positions = self._positions(stages)
+        results = [None] * len(positions)
+        slot = {p: i for i, p in enumerate(positions)}
+        failures: dict = {}
+        done = 0
+        bar = progress_bar(len(positions), desc, progress)
+        try:
+            with open_executor(executor if executor is not None else self.executor) as client:
+                items = [(p, self.names[p]) for p in positions]
+                for position, ok, value in _outcomes(fn, items, client, transfer, bar.update):
+                    if ok:
+                        results[slot[position]] = value
+                        done += 1
+                    else:
+                        failures[self.names[position]] = value
+                        if errors == "warn":
+                            warnings.warn(value, RuntimeWarning, stacklevel=2)
+        except KeyboardInterrupt:
+            raise SeriesInterrupted(results, done, len(positions)) from None
+        finally:
+            bar.close()
+        if failures and errors == "raise":
+            raise SeriesError(failures, results)
+        return results
+
+    def _table(self, fn, stages, build, options):
+        """map, with the result lists turned into a table also when the map
+        fails or is interrupted part-way."""
+        try:
+            results = self.map(fn, stages=stages, **options)
+        except (SeriesError, SeriesInterrupted) as exc:
+            exc.result = build(exc.result)
+            raise
+        return build(results)
+
+    def _check_variables(self, variables, stages=None):
+        """A misspelt variable is the caller's mistake, not a problem of
+        every dataset: fail once, before the run, against the first
+        readable dataset."""
+        for position in self._positions(stages)[:3]:
+            try:
+                with library_messages():
+                    have = set(self[position].variables())
+            except Exception:
+                continue
+            for v in variables:
+                if v not in have:
+                    raise ValueError("Could not find variable " + v)
+            return
+
+    # ------------------------------------------------------------ reduce
+
+    def reduce(self, variables, stats=("min", "max", "mean", "std"), *,
+               stages=None, **options):
+        """Statistics of each variable over the valid points of each dataset.
+
+        Valid points are those whose AOI confidence is >= 0 and whose value
+        is finite, over all AOIs. ``stats`` from "min", "max", "mean",
+        "std" (population, ddof 0), "median", "count" and percentiles
+        "p5" ... "p99". A dataset without valid points gives NaN (count 0).
+
+        Returns a DataFrame indexed by (number, dataset) with columns
+        (variable, statistic). Options as for :meth:`map`.
+        """
+        pd = _pandas()
+        variables = [variables] if isinstance(variables, str) else list(variables)
+        stats = _check_stats(stats)
+        self._check_variables(variables, stages)
+        columns = pd.MultiIndex.from_product([variables, stats], names=["variable", "statistic"])
+        width = len(variables) * len(stats)
+
+        def build(results):
+            rows = [np.full(width, np.nan) if r is None else np.asarray(r).ravel()
+                    for r in results]
+            data = np.vstack(rows) if rows else np.zeros((0, width))
+            return pd.DataFrame(data, index=self.index(stages), columns=columns)
+
+        options.setdefault("desc", "reduce")
+        return self._table(_Reduce(variables, stats), stages, build, options)
+
+
+def _find_column(columns, wanted: str):
+    if wanted in columns:
+        return wanted
+    for column in columns:
+        if str(column).split("[")[0].strip() == wanted:
+            return column
+    raise ValueError(f"no analog column '{wanted}' (available: "
+                     f"{', '.join(map(str, columns))})")
