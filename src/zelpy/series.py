@@ -226,6 +226,27 @@ def _close_local_clusters() -> None:
     _local_clients.clear()
 
 
+@contextlib.contextmanager
+def _children_ignore_sigint():
+    """Start worker processes with Ctrl-C ignored.
+
+    Ctrl-C on a terminal reaches the whole process group; it is this
+    process's business to stop the work and close the cluster, and workers
+    torn down half-way by the same signal only litter the terminal. A
+    process inherits an ignored SIGINT, and Python then leaves it ignored.
+    """
+    import signal
+
+    if threading.current_thread() is not threading.main_thread():
+        yield
+        return
+    previous = signal.signal(signal.SIGINT, signal.SIG_IGN)
+    try:
+        yield
+    finally:
+        signal.signal(signal.SIGINT, previous)
+
+
 def local_client(workers: int | None = None):
     """A client of a local cluster with ``workers`` single-threaded worker
     processes (default: one per core), started on first use and kept for
@@ -238,10 +259,11 @@ def local_client(workers: int | None = None):
         client = _local_clients.get(workers)
         if client is None or client.status not in ("running", "connecting"):
             import logging
-            cluster = distributed.LocalCluster(
-                n_workers=workers, threads_per_worker=1, processes=True,
-                host="127.0.0.1", dashboard_address=None,
-                silence_logs=logging.ERROR)
+            with _children_ignore_sigint():
+                cluster = distributed.LocalCluster(
+                    n_workers=workers, threads_per_worker=1, processes=True,
+                    host="127.0.0.1", dashboard_address=None,
+                    silence_logs=logging.ERROR)
             client = distributed.Client(cluster, set_as_default=False)
             if not _local_clients:
                 atexit.register(_close_local_clusters)
