@@ -11,6 +11,7 @@ from __future__ import annotations
 import argparse
 import contextlib
 import glob
+import math
 import os
 import signal
 import sys
@@ -216,6 +217,7 @@ def cmd_demo(args) -> int:
           f"(-3 * nu * S / E = {-3 * plate.poisson * result.stress / plate.young:.6f} "
           f"at the edge)")
     print(f"  wrote         {result.h5_path}")
+    print(f"                {result.project_path} (with time, force and stress per image)")
     if result.png_path:
         print(f"                {result.png_path}")
     print(f"  time          {result.seconds:.2f} s")
@@ -464,14 +466,6 @@ class _ExportJob:
             raise ValueError(exc.args[0]) from None
 
 
-def _first_variables(reader, names) -> list[str] | None:
-    """The variables of the first dataset that can be read."""
-    for name in names[:3]:
-        try:
-            return load_dataset(reader, name).variables()
-        except DatasetError:
-            continue
-    return None
 
 
 def cmd_export(args) -> int:
@@ -482,7 +476,8 @@ def cmd_export(args) -> int:
     names = _selected(reader, args.dataset)
     outdir = args.output or _source_dir(reader, args.source)
     variables = args.variables
-    have = _first_variables(reader, names)
+    first = _first_dataset(reader, names)
+    have = first.variables() if first is not None else None
     if have is not None:
         if variables is None:
             variables = have
@@ -528,6 +523,216 @@ def cmd_export(args) -> int:
     return _finish("export", failed, len(names))
 
 
+# ------------------------------------------------------------------ series
+
+def _numbers(count: int, what: str):
+    def parse(text: str) -> tuple[float, ...]:
+        try:
+            values = tuple(float(v) for v in text.split(","))
+        except ValueError:
+            values = ()
+        if len(values) != count or not all(map(math.isfinite, values)):
+            raise argparse.ArgumentTypeError(f"expected {what}, got '{text}'")
+        return values
+    return parse
+
+
+def _read_analog(args, reader):
+    """The analog data for --x analog:COLUMN: --analog FILE.csv, or the
+    project's own."""
+    import csv
+
+    if args.analog:
+        try:
+            with open(args.analog, newline="", encoding="utf-8") as stream:
+                rows = csv.DictReader(stream)
+                table = {"header": rows.fieldnames or []}
+                for name in table["header"]:
+                    table[name] = []
+                for row in rows:
+                    for name in table["header"]:
+                        table[name].append(row.get(name))
+                return table
+        except OSError as exc:
+            raise CliError(f"{args.analog}: {exc.strerror or exc}") from None
+    if not (args.x or "").startswith("analog:"):
+        return None
+    if not args.source.endswith(".z3d"):
+        raise CliError("--x analog:COLUMN needs a project source (.z3d) with analog "
+                       "data, or the data in --analog FILE.csv")
+    import zelpy
+    try:
+        return zelpy.ProjectFile(args.source).get_analog_data_csv()
+    except Exception as exc:
+        raise CliError(f"{args.source}: no analog data can be read ({exc})") from None
+
+
+def _segment_label(a, b) -> str:
+    return f"({a[0]:g}, {a[1]:g})-({b[0]:g}, {b[1]:g})"
+
+
+def cmd_series(args) -> int:
+    import numpy as np
+
+    from zelpy import export, series as zseries
+
+    if not (args.probe or args.extensometer or args.reduce):
+        raise CliError("nothing to compute: give --probe, --extensometer or --reduce")
+    try:
+        zseries._pandas()
+    except ImportError as exc:
+        raise CliError(str(exc)) from None
+    if args.plot:
+        try:
+            import matplotlib  # noqa: F401
+        except ImportError:
+            raise CliError("--plot needs matplotlib: pip install \"zelpy[demo]\"") from None
+    reader = open_source(args.source)
+    try:
+        stats = zseries._check_stats(args.stats.split(","))
+        series = zseries.Series(reader, analog=_read_analog(args, reader))
+        x_label, x = series.x_values(args.x)
+    except ValueError as exc:
+        raise CliError(str(exc)) from None
+    names = series.names
+
+    probe_vars = args.variables or (["e1"] if args.probe else [])
+    needed = set(probe_vars) | set(args.reduce or [])
+    if args.extensometer:
+        needed |= {"X", "Y", "U", "V"}
+    descriptions = {}
+    ds = _first_dataset(reader, names)
+    if ds is not None:
+        have = ds.variables()
+        descriptions = dict(zip(have, ds.variables_descriptions()))
+        missing = sorted(needed - set(have))
+        if missing:
+            hint = " (extensometers need X, Y, U, V)" if args.extensometer else ""
+            raise CliError(f"unknown variable '{missing[0]}'{hint} "
+                           f"(available: {', '.join(have)})")
+
+    def unit(variable):
+        return export.unit_of(descriptions.get(variable, ""))
+
+    parts, quantities = [], []
+    if args.probe:
+        labels = [f"({x_:g}, {y_:g})" for x_, y_ in args.probe]
+        parts.append(zseries._Probe(args.probe, probe_vars, "pixel" if args.pixel else "global"))
+        quantities.append(("probe", [(lab, v, "", unit(v)) for lab in labels for v in probe_vars]))
+    if args.extensometer:
+        pairs = [(e[:2], e[2:]) for e in args.extensometer]
+        length_unit = unit("X")
+        parts.append(zseries._Extensometer(pairs))
+        quantities.append(("extensometer", [
+            (_segment_label(a, b), q, "", u) for a, b in pairs
+            for q, u in (("L0", length_unit), ("length", length_unit),
+                         ("change", length_unit), ("strain", "1"))]))
+    if args.reduce:
+        parts.append(zseries._Reduce(args.reduce, stats))
+        quantities.append(("reduce", [("", v, st, "" if st == "count" else unit(v))
+                                      for v in args.reduce for st in stats]))
+
+    results: dict = {}
+    failed = 0
+    interrupted = False
+    bar = _progress(len(names), "series", args.quiet)
+    try:
+        for position, ok, value in _run(args, lambda remote: zseries._Together(parts), names):
+            if ok:
+                results[position] = [np.asarray(r, float).ravel() for r in value]
+            else:
+                _say(f"zelpy series: {value}")
+                failed += 1
+            bar.update(1)
+    except KeyboardInterrupt:
+        interrupted = True
+    bar.close()
+
+    done = sorted(results)
+    if done:
+        _write_series_csv(args.output, series, done, results, quantities, x_label, x)
+        if args.plot:
+            _plot_series(args, series, done, results, quantities, x_label, x)
+    if interrupted:
+        print(f"zelpy series: interrupted; {len(done)} of {len(names)} datasets finished"
+              + ("; results written for those" if done else ""), file=sys.stderr)
+        return EXIT_INTERRUPTED
+    return _finish("series", failed, len(names))
+
+
+def _first_dataset(reader, names):
+    """The first dataset that can be read (of the first few), or None."""
+    for name in names[:3]:
+        try:
+            return load_dataset(reader, name)
+        except DatasetError:
+            continue
+    return None
+
+
+def _write_series_csv(output, series, done, results, quantities, x_label, x):
+    """The tidy table: one row per dataset and quantity."""
+    import csv
+    import io
+
+    from zelpy import export
+    from zelpy.series import short_name
+
+    analog = series.analog
+    analog_columns = [str(c) for c in analog.columns] if analog is not None else []
+    out = io.StringIO()
+    table = csv.writer(out, lineterminator="\n")
+    table.writerow(["number", "dataset", *analog_columns, "quantity", "location",
+                    "variable", "statistic", "value", "unit"])
+    for position in done:
+        head = [series.numbers[position], short_name(series.names[position])]
+        head += [_cell(v) for v in analog.iloc[position]] if analog is not None else []
+        for (kind, columns), values in zip(quantities, results[position]):
+            for (location, variable, statistic, unit), value in zip(columns, values):
+                table.writerow([*head, kind, location, variable, statistic,
+                                _cell(value), unit or ""])
+    data = out.getvalue().encode("utf-8")
+    if output in (None, "-"):
+        sys.stdout.write(data.decode("utf-8"))
+        sys.stdout.flush()
+    else:
+        try:
+            export.write_bytes(output, data)
+        except OSError as exc:
+            raise CliError(f"{output}: {exc.strerror or exc}") from None
+
+
+def _cell(value) -> str:
+    if isinstance(value, str):
+        return value
+    value = float(value)
+    return "" if value != value else f"{value:.9g}"
+
+
+def _plot_series(args, series, done, results, quantities, x_label, x):
+    import numpy as np
+
+    from zelpy import export
+
+    lines = []
+    for k, (kind, columns) in enumerate(quantities):
+        values = np.array([results[p][k] for p in done])
+        for j, (location, variable, statistic, unit) in enumerate(columns):
+            if kind == "probe":
+                lines.append((f"{variable} at {location}", variable, unit, values[:, j]))
+            elif kind == "extensometer" and variable == "strain":
+                lines.append((f"extensometer {location}", "extensometer strain", unit,
+                              values[:, j]))
+            elif kind == "reduce" and statistic != "count":
+                lines.append((f"{statistic} of {variable}", variable, unit, values[:, j]))
+    source = os.path.basename(series.reader.get_data_source() or args.source)
+    try:
+        export.plot_histories(args.plot, x_label, np.asarray(x)[done], lines,
+                              title=f"{source}: {len(done)} datasets", size=args.size)
+    except OSError as exc:
+        raise CliError(f"{args.plot}: {exc.strerror or exc}") from None
+
+
 # -------------------------------------------------------------------- plot
 
 def _size(text: str) -> tuple[int, int]:
@@ -557,6 +762,16 @@ def cmd_plot(args) -> int:
         export.check_variables(ds, [args.variable])
     except KeyError as exc:
         raise CliError(exc.args[0]) from None
+    image = None
+    if args.overlay:
+        if not os.path.isfile(args.overlay):
+            raise CliError(f"{args.overlay}: no such file")
+        try:
+            image = export.read_image(args.overlay)
+        except ImportError as exc:
+            raise CliError(str(exc)) from None
+        except Exception as exc:
+            raise CliError(f"{args.overlay}: cannot be read as an image: {exc}") from None
     out = args.output
     if out is None:
         stem = os.path.splitext(os.path.basename(
@@ -567,7 +782,7 @@ def cmd_plot(args) -> int:
     try:
         with _library_messages() as lines:
             export.plot_variable(ds, args.variable, out, size=args.size,
-                                 levels=args.levels,
+                                 levels=args.levels, image=image,
                                  title=f"{args.variable}: {_short(name)}")
     except (ValueError, OSError) as exc:
         raise CliError(f"{name}: {_detail(exc, lines)}") from None
@@ -751,6 +966,42 @@ def build_parser() -> argparse.ArgumentParser:
     p.add_argument("-q", "--quiet", action="store_true", help="no progress bar")
     p.set_defaults(func=cmd_export)
 
+    p = sub.add_parser("series", help="histories over a series: probes, extensometers, statistics",
+                       description="Follow quantities over every dataset of SOURCE: values "
+                                   "at gauge points (--probe), virtual extensometers "
+                                   "(--extensometer) and statistics over the valid points "
+                                   "(--reduce). Writes a tidy CSV (one row per dataset and "
+                                   "quantity) and, with --plot, a line plot against the "
+                                   "image number or an analog channel.")
+    p.add_argument("source", metavar="SOURCE", help=SOURCE_HELP)
+    p.add_argument("--probe", action="append", type=_numbers(2, "X,Y"), metavar="X,Y",
+                   help="a gauge point in reference global coordinates (repeatable)")
+    p.add_argument("--pixel", action="store_true",
+                   help="probe points are reference pixel positions x,y instead")
+    p.add_argument("-v", "--variable", dest="variables", action="extend", nargs="+",
+                   metavar="VAR", help="variables to probe (default e1)")
+    p.add_argument("--extensometer", action="append", type=_numbers(4, "X1,Y1,X2,Y2"),
+                   metavar="X1,Y1,X2,Y2", help="a virtual extensometer between two "
+                   "reference global positions (repeatable)")
+    p.add_argument("--reduce", action="extend", nargs="+", metavar="VAR",
+                   help="statistics of these variables over the valid points")
+    p.add_argument("--stats", default="min,max,mean,std", metavar="LIST",
+                   help="statistics for --reduce: min, max, mean, std, median, count, "
+                        "pNN (default min,max,mean,std)")
+    p.add_argument("--x", default="number", metavar="AXIS",
+                   help="x axis: number (image number, default), index, or "
+                        "analog:COLUMN (a column of the analog data)")
+    p.add_argument("--analog", metavar="FILE.csv",
+                   help="analog data, one row per dataset (default: the project's)")
+    p.add_argument("-o", "--output", metavar="FILE.csv",
+                   help="the tidy CSV (default: standard output)")
+    p.add_argument("--plot", metavar="FILE.png", help="also plot the histories")
+    p.add_argument("--size", type=_size, default=(1000, 700), metavar="WxH",
+                   help="plot size in pixels (default 1000x700)")
+    _cluster_options(p)
+    p.add_argument("-q", "--quiet", action="store_true", help="no progress bar")
+    p.set_defaults(func=cmd_series)
+
     p = sub.add_parser("plot", help="contour plot of one variable of one dataset",
                        description="Filled contour plot of VAR over the triangulation of "
                                    "one dataset, with a colour bar in the variable's unit.")
@@ -763,6 +1014,9 @@ def build_parser() -> argparse.ArgumentParser:
     p.add_argument("--size", type=_size, default=(1000, 800), metavar="WxH",
                    help="image size in pixels (default 1000x800)")
     p.add_argument("--levels", type=_positive, default=24, help="contour levels (default 24)")
+    p.add_argument("--overlay", metavar="IMAGE",
+                   help="draw the variable over this camera image (the dataset's "
+                        "deformed image) at the pixel positions x+u, y+v; needs imageio")
     p.set_defaults(func=cmd_plot)
 
     p = sub.add_parser("serve", help="stream the datasets of a source to real-time clients",

@@ -458,6 +458,91 @@ class _Reduce:
         return out
 
 
+_POSITION = ("X", "Y", "Z")
+_DISPLACEMENT = ("U", "V", "W")
+
+
+class _Probe:
+    """Values of variables at fixed positions: (points, variables), NaN
+    where a position has no value."""
+
+    def __init__(self, points, variables, space="global"):
+        self.points = [(float(x), float(y)) for x, y in points]
+        self.variables = list(variables)
+        self.space = space
+
+    def __call__(self, ds) -> np.ndarray:
+        out = np.full((len(self.points), len(self.variables)), np.nan)
+        for i, (x, y) in enumerate(self.points):
+            if self.space == "global":
+                found = ds.at_global_xy(x, y, self.variables)
+            else:
+                found = ds.lookup_variables(x, y, self.variables)
+            if found is not None:
+                out[i] = found
+        return out
+
+
+class _Extensometer:
+    """Per pair of reference positions: L0, L, L - L0 and (L - L0) / L0,
+    from the interpolated reference and deformed (X + U) positions."""
+
+    def __init__(self, pairs):
+        self.pairs = [tuple(map(float, a)) + tuple(map(float, b)) for a, b in pairs]
+
+    def __call__(self, ds) -> np.ndarray:
+        have = set(ds.variables())
+        names = [v for v in _POSITION + _DISPLACEMENT if v in have]
+        if not {"X", "Y", "U", "V"} <= set(names):
+            raise ValueError("an extensometer needs the variables X, Y, U and V")
+        probe = _Probe([p[:2] for p in self.pairs] + [p[2:] for p in self.pairs], names)
+        values = probe(ds)
+        n = len(self.pairs)
+        ref = np.zeros((2 * n, 3))
+        moved = np.zeros((2 * n, 3))
+        for k, (axis, disp) in enumerate(zip(_POSITION, _DISPLACEMENT)):
+            if axis in names:
+                ref[:, k] = values[:, names.index(axis)]
+            if disp in names:
+                moved[:, k] = values[:, names.index(disp)]
+        moved += ref
+        length0 = np.linalg.norm(ref[n:] - ref[:n], axis=1)
+        length = np.linalg.norm(moved[n:] - moved[:n], axis=1)
+        with np.errstate(invalid="ignore", divide="ignore"):
+            return np.column_stack([length0, length, length - length0,
+                                    (length - length0) / length0])
+
+
+class _LineProfile:
+    """Values at steps + 1 evenly spaced positions from a to b: columns s
+    (distance from a), X, Y, then the variables."""
+
+    def __init__(self, a, b, steps, variables):
+        self.a, self.b = np.asarray(a, float), np.asarray(b, float)
+        self.steps = int(steps)
+        self.variables = list(variables)
+
+    def samples(self) -> np.ndarray:
+        t = np.linspace(0.0, 1.0, self.steps + 1)
+        return self.a + t[:, None] * (self.b - self.a)
+
+    def __call__(self, ds) -> np.ndarray:
+        where = self.samples()
+        values = _Probe(where, self.variables)(ds)
+        s = np.linalg.norm(where - self.a, axis=1)
+        return np.column_stack([s, where, values])
+
+
+class _Together:
+    """Several per-dataset functions on one load of each dataset."""
+
+    def __init__(self, parts):
+        self.parts = list(parts)
+
+    def __call__(self, ds):
+        return [part(ds) for part in self.parts]
+
+
 def _statistic(values: np.ndarray, stat: str) -> float:
     if stat == "count":
         return float(values.size)
@@ -720,6 +805,118 @@ class Series:
 
         options.setdefault("desc", "reduce")
         return self._table(_Reduce(variables, stats), stages, build, options)
+
+    # ------------------------------------------------------------ probe
+
+    def probe(self, points, variables, space: str = "global", *, stages=None, **options):
+        """Values of ``variables`` at fixed positions in every dataset.
+
+        ``points``: (x, y) pairs, or a dict label -> (x, y). With
+        ``space="global"`` they are reference global positions (X, Y, in the
+        coordinate unit), with ``"pixel"`` reference pixel positions (x, y).
+        Values are interpolated linearly inside the triangle of the grid
+        that holds the position (``ZelDataSet.at_global_xy`` /
+        ``lookup_variables``); NaN where there is none (outside the AOIs,
+        in a hole, next to an invalid point).
+
+        Returns a DataFrame indexed by (number, dataset) with columns
+        (point, variable). Options as for :meth:`map`.
+        """
+        pd = _pandas()
+        if space not in ("global", "pixel"):
+            raise ValueError(f"space must be 'global' or 'pixel', not {space!r}")
+        labels, where = _points(points)
+        variables = [variables] if isinstance(variables, str) else list(variables)
+        self._check_variables(variables, stages)
+        columns = pd.MultiIndex.from_product([labels, variables], names=["point", "variable"])
+        options.setdefault("desc", "probe")
+        return self._table(_Probe(where, variables, space), stages,
+                           lambda results: self._frame(results, columns, stages), options)
+
+    def _frame(self, results, columns, stages):
+        pd = _pandas()
+        width = len(columns)
+        rows = [np.full(width, np.nan) if r is None else np.asarray(r, float).ravel()
+                for r in results]
+        data = np.vstack(rows) if rows else np.zeros((0, width))
+        return pd.DataFrame(data, index=self.index(stages), columns=columns)
+
+    def extensometer(self, a, b, *, stages=None, **options):
+        """A virtual extensometer between the reference global positions
+        ``a`` and ``b`` (each (X, Y)).
+
+        In every dataset the reference positions (X, Y, Z) and the deformed
+        positions (X + U, Y + V, Z + W) are interpolated at ``a`` and ``b``;
+        planar data without Z, W uses 0. Returns a DataFrame indexed by
+        (number, dataset) with columns "L0" (reference length), "length"
+        (deformed length L), "change" (L - L0, in the coordinate unit) and
+        "strain" (engineering strain (L - L0) / L0); NaN where an end has
+        no value. Options as for :meth:`map`.
+        """
+        pd = _pandas()
+        columns = pd.Index(["L0", "length", "change", "strain"])
+        options.setdefault("desc", "extensometer")
+        return self._table(_Extensometer([(a, b)]), stages,
+                           lambda results: self._frame(results, columns, stages), options)
+
+    def line_profile(self, a, b, steps: int, variables, stages=-1, **options):
+        """Values of ``variables`` along the straight line from ``a`` to
+        ``b`` (reference global positions), at ``steps`` + 1 evenly spaced
+        samples, in the datasets ``stages`` (positions in the series;
+        default the last).
+
+        Returns a long DataFrame indexed by (number, dataset, sample) with
+        columns "s" (distance from ``a``), "X", "Y" and the variables; NaN
+        where a sample has no value. Options as for :meth:`map`.
+        """
+        pd = _pandas()
+        if int(steps) < 1:
+            raise ValueError(f"steps must be at least 1, got {steps}")
+        variables = [variables] if isinstance(variables, str) else list(variables)
+        self._check_variables(variables, stages)
+        job = _LineProfile(a, b, steps, variables)
+        samples = int(steps) + 1
+        positions = self._positions(stages)
+
+        def build(results):
+            width = 3 + len(variables)
+            blocks = [np.full((samples, width), np.nan) if r is None else r for r in results]
+            if blocks and any(r is None for r in results):
+                where = job.samples()
+                for block, r in zip(blocks, results):
+                    if r is None:
+                        block[:, 0] = np.linalg.norm(where - job.a, axis=1)
+                        block[:, 1:3] = where
+            data = np.vstack(blocks) if blocks else np.zeros((0, width))
+            index = pd.MultiIndex.from_arrays(
+                [np.repeat([self.numbers[p] for p in positions], samples),
+                 np.repeat([short_name(self.names[p]) for p in positions], samples),
+                 np.tile(np.arange(samples), len(positions))],
+                names=["number", "dataset", "sample"])
+            return pd.DataFrame(data, index=index, columns=["s", "X", "Y", *variables])
+
+        options.setdefault("desc", "profile")
+        return self._table(job, positions, build, options)
+
+
+def _points(points):
+    """Labels and (x, y) of probe points given as pairs or a dict label ->
+    pair."""
+    if isinstance(points, dict):
+        items = list(points.items())
+    else:
+        points = list(points)
+        if len(points) == 2 and all(np.isscalar(v) for v in points):
+            points = [points]
+        items = [(f"({_g(x)}, {_g(y)})", (x, y)) for x, y in points]
+    labels = [str(label) for label, _ in items]
+    if len(set(labels)) != len(labels):
+        raise ValueError("probe points must be distinct")
+    return labels, [(float(x), float(y)) for _, (x, y) in items]
+
+
+def _g(value) -> str:
+    return f"{float(value):g}"
 
 
 def _find_column(columns, wanted: str):
