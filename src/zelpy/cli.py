@@ -21,6 +21,9 @@ EXIT_FAILED = 1
 EXIT_USAGE = 2
 EXIT_INTERRUPTED = 130
 
+# Below this many datasets per core, the default runs in this process.
+DATASETS_PER_WORKER = 4
+
 TENSORS = {
     "lagrange": "LagrangeStrainTensor",
     "hencky": "HenckyStrainTensor",
@@ -352,14 +355,19 @@ def _executor(args, total: int):
             raise CliError(f"--scheduler needs dask.distributed: {series.CLUSTER_HINT}")
         return series.open_executor(args.scheduler)
     jobs = args.jobs
+    if jobs is None:
+        # A local cluster costs a second or more to start (an interpreter
+        # per worker); it pays for itself from a few datasets per worker on.
+        jobs = min(os.cpu_count() or 1, total // DATASETS_PER_WORKER)
+        if jobs < 2 or series._distributed() is None:
+            return series.open_executor("inline")
     if jobs == 1 or total <= 1:
         return series.open_executor("inline")
     if series._distributed() is None:
-        if jobs is not None:
-            _say(f"zelpy {args.command}: dask.distributed is not installed, so the "
-                 f"datasets run in this process ({series.CLUSTER_HINT})")
+        _say(f"zelpy {args.command}: dask.distributed is not installed, so the "
+             f"datasets run in this process ({series.CLUSTER_HINT})")
         return series.open_executor("inline")
-    return series.open_executor("local", min(jobs or os.cpu_count() or 1, total))
+    return series.open_executor("local", min(jobs, total))
 
 
 def _run(args, job_for, names, transfer=None):
@@ -857,8 +865,9 @@ def _port(text: str) -> int:
 
 def _cluster_options(p) -> None:
     p.add_argument("-j", "--jobs", type=_positive, default=None,
-                   help="worker processes of the local cluster (default: one per "
-                        "core; 1 runs in this process)")
+                   help="worker processes of a local dask cluster (default: one per "
+                        "core, for series of at least %d datasets per core; 1 runs "
+                        "in this process)" % DATASETS_PER_WORKER)
     p.add_argument("--scheduler", metavar="ADDRESS",
                    help="run on this dask.distributed cluster (tcp://HOST:PORT) "
                         "instead of a local one")

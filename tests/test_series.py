@@ -1,0 +1,221 @@
+"""Series operations and batch work, in this process and on a real local
+dask cluster (started here, on 127.0.0.1)."""
+
+import os
+import subprocess
+import sys
+import warnings
+
+import numpy as np
+import pytest
+
+import zelpy
+from zelpy import series as zseries
+from zelpy.series import Series, SeriesError, SeriesInterrupted
+
+pd = pytest.importorskip("pandas")
+
+TIMEOUT = 120
+NUMBERS = (5, 7, 9)
+SHAPE = (6, 7)
+
+
+def value_field(k):
+    """Dataset k: val = 10 k + point index; every fifth point invalid, one
+    value NaN; the second AOI of dataset 2 has no valid point at all."""
+    n = SHAPE[0] * SHAPE[1]
+    val = 10.0 * k + np.arange(n, dtype=np.float32)
+    val[3] = np.nan
+    sigma = np.where(np.arange(n) % 5 == 0, -1.0, 0.01).astype(np.float32)
+    return val, sigma
+
+
+def write_series(directory):
+    directory.mkdir()
+    T = zelpy.ZelDataVariableType
+    for k, number in enumerate(NUMBERS):
+        ds = zelpy.ZelDataSet()
+        ds.add_aoi(*SHAPE)
+        val, sigma = value_field(k)
+        ds.add_variable("val", "val [mm]", T.GlobalDisplacement, val.tolist())
+        ds.add_variable("sigma", "sigma [pixel]", T.Correlation, sigma.tolist())
+        ds.save(str(directory / f"spec-{number:04d}_0.out"))
+    return directory
+
+
+def expected_stats(k):
+    val, sigma = value_field(k)
+    keep = val[(sigma >= 0) & np.isfinite(val)].astype(np.float64)
+    return {"min": keep.min(), "max": keep.max(), "mean": keep.mean(), "std": keep.std(),
+            "median": np.median(keep), "count": keep.size, "p90": np.percentile(keep, 90)}
+
+
+@pytest.fixture
+def outs(tmp_path):
+    return write_series(tmp_path / "outs")
+
+
+@pytest.fixture
+def broken(outs):
+    """The series with its middle file corrupt."""
+    bad = outs / f"spec-{NUMBERS[1]:04d}_0.out"
+    bad.write_bytes(b"\x00" * 64)
+    return outs, str(bad)
+
+
+@pytest.fixture(scope="module")
+def client():
+    distributed = pytest.importorskip("distributed")
+    with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
+                                  host="127.0.0.1", dashboard_address=None) as cluster:
+        with distributed.Client(cluster, timeout=60, set_as_default=False) as client:
+            yield client
+
+
+def run(*args, timeout=TIMEOUT):
+    return subprocess.run([sys.executable, "-m", "zelpy", *map(str, args)],
+                          capture_output=True, text=True, timeout=timeout)
+
+
+# ------------------------------------------------------------------ in-process
+
+def test_reduce_is_numpy_over_valid_finite_points(outs):
+    stats = ["min", "max", "mean", "std", "median", "count", "p90"]
+    table = Series(str(outs)).reduce("val", stats, progress=False)
+    assert list(table.index) == [(n, f"spec-{n:04d}_0.out") for n in NUMBERS]
+    assert list(table.columns) == [("val", s) for s in stats]
+    for k, number in enumerate(NUMBERS):
+        want = expected_stats(k)
+        got = table.loc[number].iloc[0]["val"]
+        np.testing.assert_allclose([got[s] for s in stats], [want[s] for s in stats], rtol=1e-12)
+
+
+@pytest.mark.parametrize("errors", ["raise", "warn", "ignore"])
+def test_a_bad_file_is_named_and_the_others_are_done(broken, errors):
+    outs, bad = broken
+    series = Series(str(outs))
+    with warnings.catch_warnings(record=True) as caught:
+        warnings.simplefilter("always")
+        if errors == "raise":
+            with pytest.raises(SeriesError) as info:
+                series.reduce("val", ["max"], errors=errors, progress=False)
+            table = info.value.result
+            assert list(info.value.failures) == [bad]
+            assert str(info.value).startswith(f"1 dataset(s) failed: {bad}: cannot be read")
+        else:
+            table = series.reduce("val", ["max"], errors=errors, progress=False)
+    assert [str(w.message).split(":")[0] for w in caught] == ([bad] if errors == "warn" else [])
+    column = table[("val", "max")].to_numpy()
+    assert np.isnan(column[1])
+    np.testing.assert_array_equal(column[[0, 2]], [expected_stats(0)["max"], expected_stats(2)["max"]])
+
+
+def test_ctrl_c_keeps_what_is_done(outs):
+    def fn(ds):
+        if fn.calls == 1:
+            raise KeyboardInterrupt
+        fn.calls += 1
+        return ds.matrix_size()
+    fn.calls = 0
+    with pytest.raises(SeriesInterrupted) as info:
+        Series(str(outs)).map(fn, progress=False)
+    assert isinstance(info.value, KeyboardInterrupt)
+    assert (info.value.result, info.value.done, info.value.total) == ([42, None, None], 1, 3)
+
+
+@pytest.mark.parametrize("call, error, message", [
+    (lambda s: s.reduce(["val", "nope"]), ValueError, "Could not find variable nope"),
+    (lambda s: s.reduce("val", ["mode"]), ValueError, "unknown statistic 'mode'"),
+    (lambda s: s.map(len, errors="skip"), ValueError, "errors must be"),
+    (lambda s: s.map(len, executor=42), TypeError, "executor must be"),
+    (lambda s: s.map(len, stages=[3]), IndexError, "stage 3 outside the series of 3 datasets"),
+    (lambda s: s.x_values("analog:force"), ValueError, "the series has no analog data"),
+])
+def test_mistakes_fail_before_any_work(outs, call, error, message):
+    with pytest.raises(error, match=message):
+        call(Series(str(outs)))
+
+
+@pytest.mark.parametrize("rows, expect", [
+    (3, [0.0, 1.0, 2.0]),          # one row per dataset, in order
+    (12, [5.0, 7.0, 9.0]),         # more rows: row k is image k
+    (2, "2 rows for 3 datasets"),
+])
+def test_analog_rows_are_matched_to_datasets(outs, rows, expect):
+    analog = {"header": ["force [kN]"], "force [kN]": [str(float(i)) for i in range(rows)]}
+    if isinstance(expect, str):
+        with pytest.raises(ValueError, match=expect):
+            Series(str(outs), analog=analog)
+        return
+    label, x = Series(str(outs), analog=analog).x_values("analog:force")
+    assert label == "force [kN]"
+    np.testing.assert_array_equal(x, expect)
+
+
+def test_without_dask_everything_runs_in_this_process(outs, monkeypatch):
+    monkeypatch.setattr(zseries, "_distributed", lambda: None)
+    with zseries.open_executor(None) as executor:
+        assert executor is None
+    with pytest.raises(ImportError, match=r"zelpy\[cluster\]"):
+        Series(str(outs)).map(len, executor="local")
+    assert Series(str(outs)).map(lambda ds: ds.num_data(), progress=False) == [1, 1, 1]
+
+
+@pytest.mark.parametrize("args, status, fragment", [
+    (("strain", "{src}", "--jobs", "2", "-o", "{tmp}/s.h5"), 0,
+     "dask.distributed is not installed, so the datasets run in this process"),
+    (("strain", "{src}", "--scheduler", "tcp://127.0.0.1:9"), 1,
+     "--scheduler needs dask.distributed"),
+])
+def test_command_without_dask(demo_h5, tmp_path, args, status, fragment):
+    argv = [a.format(src=demo_h5, tmp=tmp_path) for a in args]
+    code = ("import sys; sys.modules['distributed'] = None; from zelpy.cli import main; "
+            f"sys.exit(main({argv!r}))")
+    result = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True,
+                            timeout=TIMEOUT)
+    assert result.stderr.splitlines() == [f"zelpy strain: {fragment}" + (
+        ": pip install \"zelpy[cluster]\"" if status else " (pip install \"zelpy[cluster]\")")] \
+        or fragment in result.stderr
+    assert "Traceback" not in result.stderr and result.returncode == status
+
+
+# ------------------------------------------------------------------ on a cluster
+
+@pytest.mark.parametrize("transfer", ["names", "bytes"])
+def test_cluster_gives_the_in_process_results(client, broken, transfer):
+    outs, bad = broken
+    series = Series(str(outs))
+    results = []
+    for executor in (None, client):
+        with pytest.raises(SeriesError) as info:
+            series.reduce("val", ["min", "max", "mean", "std", "count"], executor=executor,
+                          transfer=transfer, progress=False)
+        assert list(info.value.failures) == [bad]
+        results.append(info.value.result)
+    pd.testing.assert_frame_equal(*results)
+
+
+def test_commands_on_a_cluster_write_what_they_write_in_process(client, demo_h5, tmp_path):
+    address = client.scheduler.address
+    for where in ("inline", "cluster"):
+        how = ["--jobs", "1"] if where == "inline" else ["--scheduler", address]
+        out = tmp_path / where
+        out.mkdir()
+        for args in (["strain", demo_h5, "-o", out / "s.h5", "--window", 5],
+                     ["export", demo_h5, "-f", "csv", "-v", "e1", "U", "-o", out / "csv"],
+                     ["series", demo_h5, "--reduce", "e1", "-o", out / "series.csv"]):
+            result = run(*args, *how, "-q")
+            assert (result.returncode, result.stderr) == (0, ""), args
+    one, two = (zelpy.ZelDataSetReader(str(tmp_path / w / "s.h5")) for w in ("inline", "cluster"))
+    for a, b in zip(one, two, strict=True):
+        np.testing.assert_array_equal(a.get_values(a.variables()), b.get_values(b.variables()))
+    for name in ["series.csv"] + [f"csv/{n}" for n in sorted(os.listdir(tmp_path / "inline/csv"))]:
+        assert (tmp_path / "inline" / name).read_bytes() == (tmp_path / "cluster" / name).read_bytes()
+
+
+@pytest.fixture(scope="module")
+def demo_h5(tmp_path_factory):
+    from zelpy.demo import DemoSeries, run_demo
+    directory = tmp_path_factory.mktemp("demo")
+    run_demo(str(directory), DemoSeries(size=61, steps=3), window=5, plot=False)
+    return directory / "plate_hole.h5"
