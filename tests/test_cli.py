@@ -155,7 +155,7 @@ def test_demo_far_field_strain_is_exact(demo):
 # ------------------------------------------------------------------ help and usage
 
 @pytest.mark.parametrize("command", ["demo", "info", "strain", "convert", "export",
-                                     "plot", "serve"])
+                                     "series", "plot", "serve"])
 def test_every_subcommand_has_help(command):
     result = run(command, "--help")
     assert result.returncode == 0

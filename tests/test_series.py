@@ -219,3 +219,59 @@ def demo_h5(tmp_path_factory):
     directory = tmp_path_factory.mktemp("demo")
     run_demo(str(directory), DemoSeries(size=61, steps=3), window=5, plot=False)
     return directory / "plate_hole.h5"
+
+
+# ------------------------------------------------------------------ commands
+
+def png_size(path):
+    head = path.read_bytes()[:24]
+    assert head[:8] == b"\x89PNG\r\n\x1a\n"
+    return int.from_bytes(head[16:20], "big"), int.from_bytes(head[20:24], "big")
+
+
+def test_series_command_writes_a_tidy_table_and_a_plot(demo_h5, tmp_path):
+    import csv
+
+    from zelpy.demo import DemoSeries
+
+    project = demo_h5.parent / "plate_hole.z3d"
+    result = run("series", project, "--reduce", "e1", "--stats", "max,count", "--x", "analog:stress",
+                 "-o", tmp_path / "h.csv", "--plot", tmp_path / "h.png", "--jobs", 1)
+    assert (result.returncode, result.stderr) == (0, "")
+    rows = list(csv.DictReader(open(tmp_path / "h.csv", newline="")))
+    assert list(rows[0]) == ["number", "dataset", "image", "time [s]", "force [kN]", "stress [MPa]",
+                             "quantity", "location", "variable", "statistic", "value", "unit"]
+    assert [(r["number"], r["statistic"], r["unit"]) for r in rows[:2]] == [("0", "max", "1"), ("0", "count", "")]
+    want = Series(str(demo_h5)).reduce("e1", ["max", "count"], progress=False)
+    np.testing.assert_array_equal(np.float32([r["value"] for r in rows]), want.to_numpy(np.float32).ravel())
+    np.testing.assert_array_equal([float(r["stress [MPa]"]) for r in rows[::2]],
+                                  DemoSeries(steps=3).stresses())
+    assert png_size(tmp_path / "h.png") == (1000, 700)
+
+
+@pytest.mark.parametrize("args, status, message", [
+    ((), 1, "nothing to compute: give --probe, --extensometer or --reduce"),
+    (("--reduce", "nope"), 1, "unknown variable 'nope'"),
+    (("--reduce", "e1", "--x", "analog:nope"), 1,
+     "no analog column 'nope' (available: image, time [s], force [kN], stress [MPa])"),
+    (("--reduce", "e1", "--stats", "max,mode"), 1, "unknown statistic 'mode'"),
+    (("--probe", "1"), 2, "expected X,Y, got '1'"),
+    (("--extensometer", "1,2,3,nan"), 2, "expected X1,Y1,X2,Y2"),
+])
+def test_series_command_mistakes_are_one_line(demo_h5, args, status, message):
+    result = run("series", demo_h5.parent / "plate_hole.z3d", *args)
+    assert result.returncode == status and "Traceback" not in result.stderr
+    assert len(result.stderr.splitlines()) == 1 and message in result.stderr
+
+
+def test_plot_overlay_on_a_camera_image(demo_h5, tmp_path):
+    iio = pytest.importorskip("imageio.v3")
+    image = tmp_path / "deformed.png"   # 16-bit grey, as cameras deliver
+    iio.imwrite(image, np.random.default_rng(0).integers(0, 4096, (2000, 2000), dtype=np.uint16))
+    result = run("plot", demo_h5, "-v", "e1", "--overlay", image, "-o", tmp_path / "o.png", "--size", "640x480")
+    assert result.returncode == 0, result.stderr
+    assert png_size(tmp_path / "o.png") == (640, 480)
+    (tmp_path / "not.png").write_bytes(b"not an image")
+    result = run("plot", demo_h5, "-v", "e1", "--overlay", tmp_path / "not.png", "-o", tmp_path / "p.png")
+    assert result.returncode == 1 and "not.png: cannot be read as an image" in result.stderr
+    assert not (tmp_path / "p.png").exists()
