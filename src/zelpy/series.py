@@ -349,12 +349,18 @@ def _outcomes(fn, items, client, transfer: str, tick=None):
 
     distributed = _distributed()
     try:
-        slots = 2 * max(1, sum(client.nthreads().values()))
+        threads = max(1, sum(client.nthreads().values()))
     except Exception:
-        slots = 4
+        threads = 2
+    # Enough in flight that no worker waits for the next dataset while a
+    # result travels back, few enough that results never pile up.
+    slots = 4 * threads + 2
     queue = iter(items)
     running: dict = {}
-    completed = distributed.as_completed(loop=client.loop)
+    # Results come back with the completion, in the client's own thread,
+    # instead of one more round trip per dataset.
+    completed = distributed.as_completed(loop=client.loop, with_results=True,
+                                         raise_errors=False)
     tag = uuid.uuid4().hex[:8]
 
     def submit() -> tuple | None:
@@ -387,18 +393,16 @@ def _outcomes(fn, items, client, transfer: str, tick=None):
                     yield early
             if not running:
                 break
-            future = next(completed)
+            future, outcome = next(completed)
             _, position, name, payload = running.pop(future.key)
-            try:
-                outcome = future.result()
-            except Exception as exc:
+            if isinstance(outcome, BaseException) or future.status != "finished":
                 # Only a worker that died (or was killed) gets here; the
                 # function's own errors come back as messages.
-                outcome = (position, False, f"{name}: worker failed: {type(exc).__name__}: {exc}")
-            finally:
-                if payload is not None:
-                    payload.release()
-                future.release()
+                outcome = (position, False, f"{name}: worker failed: "
+                           f"{type(outcome).__name__}: {outcome}")
+            if payload is not None:
+                payload.release()
+            future.release()
             if tick:
                 tick()
             yield outcome
