@@ -357,6 +357,9 @@ def _outcomes(fn, items, client, transfer: str, tick=None):
     slots = 4 * threads + 2
     queue = iter(items)
     running: dict = {}
+    # One copy of the function per worker, shared by its tasks, so that what
+    # it learns on one dataset (a probe's locations) serves the next.
+    shared = client.scatter(fn, broadcast=True, hash=False)
     # Results come back with the completion, in the client's own thread,
     # instead of one more round trip per dataset.
     completed = distributed.as_completed(loop=client.loop, with_results=True,
@@ -372,7 +375,7 @@ def _outcomes(fn, items, client, transfer: str, tick=None):
                 payload = client.scatter(_read_bytes(name), hash=False)
             except Exception as exc:
                 return position, False, f"{name}: cannot be read: {exc}"
-        future = client.submit(_apply, fn, position, name, payload, True,
+        future = client.submit(_apply, shared, position, name, payload, True,
                                key=f"zelpy-{tag}-{position}", pure=False)
         running[future.key] = (future, position, name, payload)
         completed.add(future)
@@ -410,6 +413,8 @@ def _outcomes(fn, items, client, transfer: str, tick=None):
         if running:
             with contextlib.suppress(Exception):
                 client.cancel([entry[0] for entry in running.values()])
+        with contextlib.suppress(Exception):
+            shared.release()
 
 
 # -------------------------------------------------------------- progress
@@ -466,16 +471,170 @@ _POSITION = ("X", "Y", "Z")
 _DISPLACEMENT = ("U", "V", "W")
 
 
+# Where a look-up takes its positions from, best first (planar data has no
+# X, Y; pixel look-ups always use x, y).
+_GLOBAL_AXES = (("X", "Y"), ("x_c", "y_c"), ("x", "y"))
+_PIXEL_AXES = (("x", "y"),)
+
+
+class _Grid:
+    """The reference coordinates and validity of one dataset, as views
+    (nothing is copied), addressed by the dataset's global point index."""
+
+    def __init__(self, ds, pixel: bool):
+        from zelpyx.zelpy import zelpy as core
+
+        correlation = core.ZelDataVariableType.Correlation
+        self.shapes, self.offsets, self.xs, self.ys, self.valid = [], [0], [], [], []
+        for n in range(ds.num_data()):
+            aoi = ds.data(n)
+            rows, columns = aoi.num_rows(), aoi.num_columns()
+            self.shapes.append((rows, columns))
+            self.offsets.append(self.offsets[-1] + rows * columns)
+            names = [aoi.variable_name(i) for i in range(aoi.num_variables())]
+            axes = next(((a, b) for a, b in (_PIXEL_AXES if pixel else _GLOBAL_AXES)
+                         if a in names and b in names), None)
+            if axes is None:
+                self.xs.append(None)
+                self.ys.append(None)
+            else:
+                self.xs.append(aoi.variable_view(axes[0]).reshape(-1))
+                self.ys.append(aoi.variable_view(axes[1]).reshape(-1))
+            conf = next((i for i in range(aoi.num_variables())
+                         if aoi.variable_type(i) is correlation), None)
+            self.valid.append(None if conf is None else aoi.variable_view(conf).reshape(-1))
+
+    def signature(self) -> tuple:
+        """Grid shapes and the coordinates of each AOI's four corner points:
+        equal signatures mean the same grid, unless coordinates inside moved."""
+        out = [tuple(self.shapes)]
+        for (rows, columns), xs, ys in zip(self.shapes, self.xs, self.ys):
+            if xs is None or rows * columns == 0:
+                out.append(None)
+                continue
+            corners = [0, columns - 1, (rows - 1) * columns, rows * columns - 1]
+            out.append(tuple(xs[corners].tolist() + ys[corners].tolist()))
+        return tuple(out)
+
+    def state(self, points: np.ndarray) -> tuple:
+        """Coordinates and validity at the given global point indices."""
+        coords = np.empty((len(points), 2), dtype=np.float32)
+        valid = np.ones(len(points), dtype=bool)
+        aoi_of = np.searchsorted(self.offsets, points, side="right") - 1
+        for n in np.unique(aoi_of):
+            pick = aoi_of == n
+            local = points[pick] - self.offsets[n]
+            if self.xs[n] is not None:
+                coords[pick, 0] = self.xs[n][local]
+                coords[pick, 1] = self.ys[n][local]
+            if self.valid[n] is not None:
+                valid[pick] = self.valid[n][local] >= 0
+        return coords.tobytes(), valid.tobytes()
+
+    def block(self, centre: np.ndarray, reach: int) -> np.ndarray:
+        """Global indices of the grid points within ``reach`` rows and
+        columns of the given points (all in one AOI)."""
+        n = int(np.searchsorted(self.offsets, centre[0], side="right") - 1)
+        rows, columns = self.shapes[n]
+        r, c = np.divmod(np.asarray(centre) - self.offsets[n], columns)
+        rr = np.arange(max(r.min() - reach, 0), min(r.max() + reach, rows - 1) + 1)
+        cc = np.arange(max(c.min() - reach, 0), min(c.max() + reach, columns - 1) + 1)
+        return (self.offsets[n] + rr[:, None] * columns + cc[None, :]).ravel()
+
+    def nearest(self, x: float, y: float) -> int | None:
+        """Global index of the grid point nearest to (x, y), valid or not,
+        when (x, y) lies within the span of its AOI's coordinates."""
+        best, where = math.inf, None
+        for n, (xs, ys) in enumerate(zip(self.xs, self.ys)):
+            if xs is None or xs.size == 0:
+                continue
+            d = (xs.astype(np.float64) - x) ** 2 + (ys.astype(np.float64) - y) ** 2
+            k = int(np.argmin(d))
+            if d[k] < best:
+                best, where = float(d[k]), self.offsets[n] + k
+        return where
+
+
 class _Probe:
     """Values of variables at fixed positions: (points, variables), NaN
-    where a position has no value."""
+    where a position has no value.
+
+    A look-up is the search for the triangle that holds the position
+    followed by an interpolation in it. Within a series the grid, and so the
+    triangle, is the same from dataset to dataset; what may change is which
+    points are valid (and, in another series, the whole grid). Each
+    position is therefore located once, and the location reused for every
+    dataset where the neighbourhood it depends on is unchanged: the grid's
+    shape and corner coordinates, and the coordinates and validity of the
+    points around the triangle (around the nearest grid point, for a
+    position that was not found). Anywhere else the position is located
+    afresh, so the result is always that of ``at_global_xy`` /
+    ``lookup_variables`` on the dataset itself.
+    """
+
+    # Grid rows and columns around a located cell whose validity decides
+    # the triangle (the cell itself and its neighbours, for ties on shared
+    # edges); around the nearest point of a position that was not found.
+    REACH_FOUND, REACH_MISSED = 1, 2
 
     def __init__(self, points, variables, space="global"):
         self.points = [(float(x), float(y)) for x, y in points]
         self.variables = list(variables)
         self.space = space
+        self._signature = None
+        self._located: list = [None] * len(self.points)   # (location, points, state)
+        self._lock = threading.Lock()
+
+    def __getstate__(self):
+        # Locations belong to the process that found them.
+        state = dict(self.__dict__)
+        state["_signature"] = None
+        state["_located"] = [None] * len(self.points)
+        del state["_lock"]
+        return state
+
+    def __setstate__(self, state):
+        self.__dict__.update(state)
+        self._lock = threading.Lock()
 
     def __call__(self, ds) -> np.ndarray:
+        if not hasattr(ds, "_locate"):
+            return self._plain(ds)
+        # A worker with several threads shares one instance between them.
+        with self._lock:
+            return self._reusing(ds)
+
+    def _reusing(self, ds) -> np.ndarray:
+        pixel = self.space == "pixel"
+        grid = _Grid(ds, pixel)
+        signature = grid.signature()
+        if signature != self._signature:
+            self._signature = signature
+            self._located = [None] * len(self.points)
+        stale = [i for i, entry in enumerate(self._located)
+                 if entry is None or grid.state(entry[1]) != entry[2]]
+        # One tree per dataset pays off from a few positions on; a single
+        # position is found faster by the plain search.
+        use_tree = len(stale) > 2
+        for i in stale:
+            x, y = self.points[i]
+            location = ds._locate(x, y, pixel, use_tree)
+            if location is not None:
+                around = grid.block(np.asarray(location[0]), self.REACH_FOUND)
+            else:
+                centre = grid.nearest(x, y)
+                around = (np.zeros(0, dtype=np.int64) if centre is None
+                          else grid.block(np.asarray([centre]), self.REACH_MISSED))
+            self._located[i] = (location, around, grid.state(around))
+        out = np.full((len(self.points), len(self.variables)), np.nan)
+        for i, (location, _, _) in enumerate(self._located):
+            if location is not None:
+                found = ds._interpolate(location, self.variables)
+                if found is not None:
+                    out[i] = found
+        return out
+
+    def _plain(self, ds) -> np.ndarray:
         out = np.full((len(self.points), len(self.variables)), np.nan)
         for i, (x, y) in enumerate(self.points):
             if self.space == "global":
@@ -493,14 +652,17 @@ class _Extensometer:
 
     def __init__(self, pairs):
         self.pairs = [tuple(map(float, a)) + tuple(map(float, b)) for a, b in pairs]
+        self._probe = None
 
     def __call__(self, ds) -> np.ndarray:
         have = set(ds.variables())
         names = [v for v in _POSITION + _DISPLACEMENT if v in have]
         if not {"X", "Y", "U", "V"} <= set(names):
             raise ValueError("an extensometer needs the variables X, Y, U and V")
-        probe = _Probe([p[:2] for p in self.pairs] + [p[2:] for p in self.pairs], names)
-        values = probe(ds)
+        if self._probe is None or self._probe.variables != names:
+            ends = [p[:2] for p in self.pairs] + [p[2:] for p in self.pairs]
+            self._probe = _Probe(ends, names)
+        values = self._probe(ds)
         n = len(self.pairs)
         ref = np.zeros((2 * n, 3))
         moved = np.zeros((2 * n, 3))
@@ -525,6 +687,7 @@ class _LineProfile:
         self.a, self.b = np.asarray(a, float), np.asarray(b, float)
         self.steps = int(steps)
         self.variables = list(variables)
+        self._probe = _Probe(self.samples(), self.variables)
 
     def samples(self) -> np.ndarray:
         t = np.linspace(0.0, 1.0, self.steps + 1)
@@ -532,7 +695,7 @@ class _LineProfile:
 
     def __call__(self, ds) -> np.ndarray:
         where = self.samples()
-        values = _Probe(where, self.variables)(ds)
+        values = self._probe(ds)
         s = np.linalg.norm(where - self.a, axis=1)
         return np.column_stack([s, where, values])
 
