@@ -658,9 +658,14 @@ def cmd_series(args) -> int:
 
     done = sorted(results)
     if done:
-        _write_series_csv(args.output, series, done, results, quantities, x_label, x)
-        if args.plot:
-            _plot_series(args, series, done, results, quantities, x_label, x)
+        # What was computed is written whole, even if Ctrl-C comes now.
+        try:
+            with _deferred_interrupt():
+                _write_series_csv(args.output, series, done, results, quantities, x_label, x)
+                if args.plot:
+                    _plot_series(args, series, done, results, quantities, x_label, x)
+        except KeyboardInterrupt:
+            interrupted = True
     if interrupted:
         print(f"zelpy series: interrupted; {len(done)} of {len(names)} datasets finished"
               + ("; results written for those" if done else ""), file=sys.stderr)
