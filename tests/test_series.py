@@ -275,3 +275,122 @@ def test_plot_overlay_on_a_camera_image(demo_h5, tmp_path):
     result = run("plot", demo_h5, "-v", "e1", "--overlay", tmp_path / "not.png", "-o", tmp_path / "p.png")
     assert result.returncode == 1 and "not.png: cannot be read as an image" in result.stderr
     assert not (tmp_path / "p.png").exists()
+
+
+# ------------------------------------------------------------------ look-ups
+
+def grid_dataset(rows=9, columns=11, shift=0.0, invalid=(), u=lambda X, Y: 0 * X, v=lambda X, Y: 0 * X):
+    """A flat grid at 0.5 mm pitch (pixel pitch 2) with U, V given as
+    functions of X, Y; ``invalid`` lists point indices with confidence -1."""
+    T = zelpy.ZelDataVariableType
+    X, Y = np.meshgrid(shift + 0.5 * np.arange(columns), -0.5 * np.arange(rows))
+    X, Y = X.ravel(), Y.ravel()
+    sigma = np.full(X.size, 0.01)
+    sigma[list(invalid)] = -1
+    ds = zelpy.ZelDataSet()
+    ds.add_aoi(rows, columns)
+    fields = {"x": (2 * X, T.PixelCoordinate), "y": (-2 * Y, T.PixelCoordinate),
+              "X": (X, T.GlobalCoordinate), "Y": (Y, T.GlobalCoordinate), "Z": (0 * X, T.GlobalCoordinate),
+              "U": (u(X, Y), T.GlobalDisplacement), "V": (v(X, Y), T.GlobalDisplacement),
+              "W": (0 * X, T.GlobalDisplacement), "sigma": (sigma, T.Correlation)}
+    for name, (values, kind) in fields.items():
+        ds.add_variable(name, name + " [mm]", kind, values.tolist())
+    return ds
+
+
+def save_series(directory, datasets):
+    directory.mkdir()
+    for k, ds in enumerate(datasets):
+        ds.save(str(directory / f"grid-{k:04d}_0.out"))
+    return Series(str(directory))
+
+
+@pytest.mark.parametrize("space", ["global", "pixel"])
+def test_probe_is_the_look_up_of_each_dataset(tmp_path, space):
+    """Locations found once are reused only where the grid and the validity
+    around them are unchanged: every row equals a fresh look-up."""
+    shear = lambda X, Y: 0.01 * X - 0.02 * Y   # noqa: E731
+    around_p1, around_p0 = [72, 73, 83, 84], [24, 25, 35, 36]   # grid cells of the first two points
+    datasets = [grid_dataset(u=shear, invalid=around_p1), grid_dataset(u=shear, invalid=around_p0),
+                grid_dataset(u=shear), grid_dataset(u=shear, shift=0.25),   # another grid
+                grid_dataset(u=shear, rows=10)]
+    series = save_series(tmp_path / "grid", datasets)
+    points = [(1.3, -1.1), (3.1, -3.1), (1.75, -0.2), (9.0, -9.0)]   # the last outside
+    if space == "pixel":
+        points = [(2 * x, -2 * y) for x, y in points]
+    table = series.probe(points, ["U", "X"], space=space, progress=False)
+    for row, ds in zip(table.to_numpy(), datasets):
+        look = ds.at_global_xy if space == "global" else ds.lookup_variables
+        want = [look(x, y, ["U", "X"]) or [np.nan, np.nan] for x, y in points]
+        np.testing.assert_array_equal(row, np.ravel(want))
+    # Lost and regained validity both count: each point is missing exactly
+    # where its cell is invalid.
+    assert np.isnan(table.to_numpy()[:3, [0, 2]]).tolist() == [[False, True], [True, False], [False, False]]
+    assert table.iloc[0, 0] == pytest.approx(0.01 * 1.3 + 0.02 * 1.1, rel=1e-6)
+
+
+def test_extensometer_and_line_profile_on_a_uniform_stretch(tmp_path):
+    eps = 0.002
+    series = save_series(tmp_path / "grid", [grid_dataset(), grid_dataset(u=lambda X, Y: eps * X)])
+    along, across = (series.extensometer(a, b, progress=False) for a, b in
+                     (((0.5, -1), (4.5, -1)), ((2, -0.5), (2, -3.5))))
+    np.testing.assert_allclose(along.to_numpy()[1], [4, 4 * (1 + eps), 4 * eps, eps], rtol=1e-6)
+    np.testing.assert_allclose(across["strain"], 0, atol=1e-9)
+    profile = series.line_profile((0, -1), (5, -1), 10, ["U"], stages=[0, -1], progress=False)
+    assert profile.index.names == ["number", "dataset", "sample"] and len(profile) == 22
+    last = profile.loc[1]
+    np.testing.assert_allclose(last["s"], 0.5 * np.arange(11))
+    np.testing.assert_allclose(last["U"], eps * last["X"], rtol=1e-6)
+
+
+@pytest.fixture(scope="module")
+def plate(tmp_path_factory):
+    """The demo as `zelpy demo` makes it, on four load steps."""
+    from zelpy.demo import DemoSeries, run_demo
+    directory = tmp_path_factory.mktemp("plate")
+    plan = DemoSeries(steps=4)
+    run_demo(str(directory), plan, window=15, plot=False)
+    return directory, plan
+
+
+def test_demo_histories_follow_the_closed_form(plate, tmp_path):
+    """Through `zelpy series`: e1 at the hole edge across the load axis rises
+    linearly with the remote stress, with the closed-form slope at that point
+    within 5 %; an extensometer along the load axis 25 mm from the centre
+    stretches as the closed-form displacements say, within 2 %.
+
+    The probe sits 1.5 mm outside the edge. The strain window (15 points,
+    5.6 mm) flattens the steep rise next to the edge: 8 % low at the first
+    measured ring (0.8 mm out), 3 % low at 1.5 mm, exact from 2 mm on."""
+    import csv
+
+    from zelpy.demo import _rotation
+    directory, plan = plate
+    tilt = _rotation(*plan.tilt_deg)
+
+    def xy(p, q):          # plate coordinates -> reference global X, Y
+        return tuple(float(c) for c in (tilt @ [p, q, 0])[:2])
+
+    def pq(X, Y):          # and back, on the plate's plane
+        return np.linalg.solve(tilt[:2, :2], [X, Y])
+
+    edge, a, b = xy(0, 11.5), xy(-30, 25), xy(30, 25)
+    result = run("series", directory / "plate_hole.z3d", "--probe", "%r,%r" % edge, "-v", "e1",
+                 "--extensometer", "%r,%r,%r,%r" % (a + b), "--x", "analog:stress",
+                 "-o", tmp_path / "h.csv", "--plot", tmp_path / "h.png", "--jobs", 1)
+    assert (result.returncode, result.stderr) == (0, "")
+    rows = list(csv.DictReader(open(tmp_path / "h.csv", newline="")))
+    stress = np.array([float(r["stress [MPa]"]) for r in rows if r["quantity"] == "probe"])
+    e1 = np.array([float(r["value"]) for r in rows if r["quantity"] == "probe"])
+    np.testing.assert_allclose(stress, plan.stresses(), rtol=1e-8)
+    slope, offset = np.polyfit(stress, e1, 1)
+    assert slope == pytest.approx(plan.plate.principal_strain(*pq(*edge), 1.0)[0], rel=0.05)
+    assert np.abs(e1 - (slope * stress + offset)).max() < 0.01 * e1.max()
+
+    measured = np.array([float(r["value"]) for r in rows if r["variable"] == "strain"])
+    ends = np.array([pq(*a), pq(*b)])
+    for s, got in zip(plan.stresses()[1:], measured[1:]):
+        moved = ends + np.column_stack(plan.plate.displacement(ends[:, 0], ends[:, 1], s))
+        want = np.linalg.norm(moved[1] - moved[0]) / np.linalg.norm(ends[1] - ends[0]) - 1
+        assert got == pytest.approx(want, rel=0.02)
+    assert png_size(tmp_path / "h.png") == (1000, 700)

@@ -576,7 +576,8 @@ def _read_analog(args, reader):
 
 
 def _segment_label(a, b) -> str:
-    return f"({a[0]:g}, {a[1]:g})-({b[0]:g}, {b[1]:g})"
+    # + 0.0 turns a typed -0 into 0.
+    return f"({a[0] + 0.0:g}, {a[1] + 0.0:g})-({b[0] + 0.0:g}, {b[1] + 0.0:g})"
 
 
 def cmd_series(args) -> int:
@@ -624,7 +625,7 @@ def cmd_series(args) -> int:
 
     parts, quantities = [], []
     if args.probe:
-        labels = [f"({x_:g}, {y_:g})" for x_, y_ in args.probe]
+        labels = [f"({x_ + 0.0:g}, {y_ + 0.0:g})" for x_, y_ in args.probe]
         parts.append(zseries._Probe(args.probe, probe_vars, "pixel" if args.pixel else "global"))
         quantities.append(("probe", [(lab, v, "", unit(v)) for lab in labels for v in probe_vars]))
     if args.extensometer:
@@ -738,7 +739,7 @@ def _plot_series(args, series, done, results, quantities, x_label, x):
                               values[:, j]))
             elif kind == "reduce" and statistic != "count":
                 lines.append((f"{statistic} of {variable}", variable, unit, values[:, j]))
-    source = os.path.basename(series.reader.get_data_source() or args.source)
+    source = os.path.basename(os.path.normpath(args.source))
     try:
         export.plot_histories(args.plot, x_label, np.asarray(x)[done], lines,
                               title=f"{source}: {len(done)} datasets", size=args.size)
@@ -823,6 +824,13 @@ def cmd_serve(args) -> int:
 
 class _Parser(argparse.ArgumentParser):
     """argparse, but a bad command line is one line, not a usage dump."""
+
+    def __init__(self, *args, **kwargs):
+        super().__init__(*args, **kwargs)
+        # Coordinates are numbers that may be negative, several to an
+        # argument: "--probe -30,25" is a value, not an unknown option.
+        import re
+        self._negative_number_matcher = re.compile(r"^-\.?\d[\d.,eE+-]*$")
 
     def error(self, message):
         self.exit(EXIT_USAGE, f"{self.prog}: error: {message} "

@@ -269,8 +269,8 @@ def write_project(series: DemoSeries, h5_path: str, project_path: str) -> None:
     table = csv.writer(text, lineterminator="\n")
     table.writerow(ANALOG_COLUMNS)
     for step, stress in enumerate(series.stresses()):
-        table.writerow([step, f"{2.0 * step:g}", f"{stress * SECTION_MM2 / 1000:.6g}",
-                        f"{stress:.6g}"])
+        table.writerow([step, f"{2.0 * step:g}", f"{stress * SECTION_MM2 / 1000:.9g}",
+                        f"{stress:.9g}"])
     with zipfile.ZipFile(project_path, "a") as archive:
         archive.writestr("analog.csv", text.getvalue())
 

@@ -1083,7 +1083,7 @@ def _points(points):
 
 
 def _g(value) -> str:
-    return f"{float(value):g}"
+    return f"{float(value) + 0.0:g}"   # never "-0"
 
 
 def _find_column(columns, wanted: str):
