@@ -247,6 +247,22 @@ def _children_ignore_sigint():
         signal.signal(signal.SIGINT, previous)
 
 
+def _share_cores(threads: int):
+    """A worker plugin: the library's threaded analyses (strain, smoothing)
+    use this worker's share of the cores rather than all of them, so that
+    one worker per core does not start a thread per core each."""
+    from distributed.diagnostics.plugin import WorkerPlugin
+
+    class ShareCores(WorkerPlugin):
+        idempotent = True
+
+        def setup(self, worker):
+            from zelpyx.zelpy import zelpy as core
+            core._set_analysis_workers(threads)
+
+    return ShareCores()
+
+
 def local_client(workers: int | None = None):
     """A client of a local cluster with ``workers`` single-threaded worker
     processes (default: one per core), started on first use and kept for
@@ -265,6 +281,8 @@ def local_client(workers: int | None = None):
                     host="127.0.0.1", dashboard_address=None,
                     silence_logs=logging.ERROR)
             client = distributed.Client(cluster, set_as_default=False)
+            client.register_plugin(_share_cores(max(1, (os.cpu_count() or 1) // workers)),
+                                   name="zelpy-share-cores")
             if not _local_clients:
                 atexit.register(_close_local_clusters)
             _local_clients[workers] = client
