@@ -367,7 +367,9 @@ def _executor(args, total: int):
         _say(f"zelpy {args.command}: dask.distributed is not installed, so the "
              f"datasets run in this process ({series.CLUSTER_HINT})")
         return series.open_executor("inline")
-    return series.open_executor("local", min(jobs, total))
+    # The command's cluster lives as long as the command's work, and is shut
+    # down before the last line is printed.
+    return series.open_executor("local", min(jobs, total), keep=False)
 
 
 def _run(args, job_for, names, transfer=None):

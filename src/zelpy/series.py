@@ -219,10 +219,7 @@ _local_clients: dict = {}
 
 def _close_local_clusters() -> None:
     for client in list(_local_clients.values()):
-        with contextlib.suppress(Exception):
-            cluster = client.cluster
-            client.close()
-            cluster.close()
+        _close_local(client)
     _local_clients.clear()
 
 
@@ -263,26 +260,44 @@ def _share_cores(threads: int):
     return ShareCores()
 
 
+def _start_local(workers: int):
+    distributed = _distributed()
+    if distributed is None:
+        raise ImportError(f"a local cluster needs dask.distributed: {CLUSTER_HINT}")
+    import logging
+    with _children_ignore_sigint():
+        # Every failure that matters comes back as the outcome of a
+        # dataset; the workers' own log (heartbeats lost while a cluster
+        # shuts down, say) would only litter the terminal.
+        cluster = distributed.LocalCluster(
+            n_workers=workers, threads_per_worker=1, processes=True,
+            host="127.0.0.1", dashboard_address=None, silence_logs=logging.CRITICAL)
+    client = distributed.Client(cluster, set_as_default=False)
+    client.register_plugin(_share_cores(max(1, (os.cpu_count() or 1) // workers)),
+                           name="zelpy-share-cores")
+    return client
+
+
+def _close_local(client) -> None:
+    """Client first, then the cluster, which stops its workers before its
+    scheduler."""
+    cluster = getattr(client, "cluster", None)
+    with contextlib.suppress(Exception):
+        client.close()
+    if cluster is not None:
+        with contextlib.suppress(Exception):
+            cluster.close()
+
+
 def local_client(workers: int | None = None):
     """A client of a local cluster with ``workers`` single-threaded worker
     processes (default: one per core), started on first use and kept for
     the life of the process."""
-    distributed = _distributed()
-    if distributed is None:
-        raise ImportError(f"a local cluster needs dask.distributed: {CLUSTER_HINT}")
     workers = workers or os.cpu_count() or 1
     with _local_lock:
         client = _local_clients.get(workers)
         if client is None or client.status not in ("running", "connecting"):
-            import logging
-            with _children_ignore_sigint():
-                cluster = distributed.LocalCluster(
-                    n_workers=workers, threads_per_worker=1, processes=True,
-                    host="127.0.0.1", dashboard_address=None,
-                    silence_logs=logging.ERROR)
-            client = distributed.Client(cluster, set_as_default=False)
-            client.register_plugin(_share_cores(max(1, (os.cpu_count() or 1) // workers)),
-                                   name="zelpy-share-cores")
+            client = _start_local(workers)
             if not _local_clients:
                 atexit.register(_close_local_clusters)
             _local_clients[workers] = client
@@ -290,7 +305,7 @@ def local_client(workers: int | None = None):
 
 
 @contextlib.contextmanager
-def open_executor(executor=None, workers: int | None = None):
+def open_executor(executor=None, workers: int | None = None, keep: bool = True):
     """Resolve an ``executor`` argument; yields a ``distributed.Client`` or
     None (run in this process).
 
@@ -298,7 +313,7 @@ def open_executor(executor=None, workers: int | None = None):
       makes itself the default), else this process;
     - ``"inline"``: this process;
     - ``"local"``: a local cluster of ``workers`` processes (default one per
-      core), kept for later calls;
+      core), kept for later calls (with ``keep=False``, closed afterwards);
     - a scheduler address such as ``"tcp://10.0.0.5:8786"``: a client of
       that cluster, closed afterwards;
     - a ``distributed.Client``: used as it is.
@@ -316,7 +331,14 @@ def open_executor(executor=None, workers: int | None = None):
             yield None
             return
         if executor == "local":
-            yield local_client(workers)
+            if keep:
+                yield local_client(workers)
+                return
+            client = _start_local(workers or os.cpu_count() or 1)
+            try:
+                yield client
+            finally:
+                _close_local(client)
             return
         distributed = _distributed()
         if distributed is None:
