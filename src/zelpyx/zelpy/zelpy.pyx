@@ -96,6 +96,7 @@ cdef inline str _str(const string& text):
 
 include "data.pxi"
 include "analysis.pxi"
+include "surface.pxi"
 include "geometry.pxi"
 include "polygon.pxi"
 include "project.pxi"
