@@ -638,8 +638,6 @@ class _Probe:
         self._lock = threading.Lock()
 
     def __call__(self, ds) -> np.ndarray:
-        if not hasattr(ds, "_locate"):
-            return self._plain(ds)
         # A worker with several threads shares one instance between them.
         with self._lock:
             return self._reusing(ds)
@@ -672,17 +670,6 @@ class _Probe:
                 found = ds._interpolate(location, self.variables)
                 if found is not None:
                     out[i] = found
-        return out
-
-    def _plain(self, ds) -> np.ndarray:
-        out = np.full((len(self.points), len(self.variables)), np.nan)
-        for i, (x, y) in enumerate(self.points):
-            if self.space == "global":
-                found = ds.at_global_xy(x, y, self.variables)
-            else:
-                found = ds.lookup_variables(x, y, self.variables)
-            if found is not None:
-                out[i] = found
         return out
 
 
