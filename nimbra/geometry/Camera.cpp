@@ -245,18 +245,22 @@ Vec2 Camera::undistort(const Vec2& pixel) const {
         v += dv;
     }
     const Vec2 target = normalisedFromIdeal({u, v});
-    // Residual in pixels: [fx skew; 0 fy] (distorted - target).
+    // Squared residual in pixels: |[fx skew; 0 fy] (distorted - target)|^2.
+    // Pixel residuals are far from overflow, so no hypot is needed.
     auto residual = [&](double x, double y, double* e, double* j) {
         double xd, yd;
         applyDistortion(distortion_, x, y, xd, yd, j);
         e[0] = xd - target[0];
         e[1] = yd - target[1];
-        return std::hypot(fx_ * e[0] + skew_ * e[1], fy_ * e[1]);
+        const double du = fx_ * e[0] + skew_ * e[1];
+        const double dv = fy_ * e[1];
+        return du * du + dv * dv;
     };
     double x = target[0], y = target[1];
     double e[2], j[4];
     double res = residual(x, y, e, j);
-    for (int iteration = 0; res > kTargetResidualPx && iteration < kMaxNewtonIterations; ++iteration) {
+    for (int iteration = 0; res > kTargetResidualPx * kTargetResidualPx && iteration < kMaxNewtonIterations;
+         ++iteration) {
         const double det = determinant2(j);
         if (!(det > 0.0)) return kNaN2;  // on or beyond a fold
         const double dx = -(j[3] * e[0] - j[1] * e[1]) / det;
@@ -280,7 +284,7 @@ Vec2 Camera::undistort(const Vec2& pixel) const {
         }
         if (!lowered) break;
     }
-    if (!(res <= kAcceptedResidualPx)) return kNaN2;
+    if (!(res <= kAcceptedResidualPx * kAcceptedResidualPx)) return kNaN2;
     if (!(x * x + y * y < foldRadius2_) || !(determinant2(j) > 0.0)) return kNaN2;
     return {x, y};
 }
