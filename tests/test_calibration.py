@@ -90,10 +90,34 @@ def test_projection_agrees_with_opencv(rig, index, variant):
                                     cam.camera_matrix(), cam.dist_coeffs())
     pixels = rig.project(x, index)
     np.testing.assert_allclose(pixels, expected[:, 0], rtol=0, atol=1e-9)
+    camera_frame = x @ ext.rotation().matrix().T + ext.translation()
+    np.testing.assert_allclose(rig.distort(camera_frame[:, :2] / camera_frame[:, 2:], index, normalized=True),
+                               pixels, rtol=0, atol=1e-9)
     # that library ignores skew; it adds skew * y'' = skew * (v - cy) / fy to u
     cam.skew = 3.0
     np.testing.assert_allclose(rig.project(x, index), pixels + np.column_stack(
         [3.0 * (pixels[:, 1] - cam.cy) / cam.fy, np.zeros(len(x))]), rtol=0, atol=1e-9)
+
+
+def test_spline_image_map_of_a_linear_correction(rig):
+    # Cubic B-splines reproduce linear functions: knot values of
+    # Delta = A (u, v) + c give exactly that Delta over the covered area
+    # [origin + spacing, origin + (n - 2) spacing], and the border value beyond.
+    (ox, oy), (hx, hy), nx, ny = (-300.0, -250.0), (250.0, 220.0), 14, 13
+    a, c = np.array([[2e-3, -1e-3], [5e-4, 1.5e-3]]), np.array([0.75, -0.5])
+    ku, kv = np.meshgrid(ox + hx * np.arange(nx), oy + hy * np.arange(ny))
+    delta = lambda p: p @ a.T + c
+    x = points_in_front(500, seed=9)
+    model = rig.project(x, 0)
+    rig.camera(0).set_spline_image_map((ox, oy), (hx, hy), a[0, 0] * ku + a[0, 1] * kv + c[0],
+                                       a[1, 0] * ku + a[1, 1] * kv + c[1])
+    observed = rig.project(x, 0)
+    np.testing.assert_allclose(observed + delta(observed), model, rtol=0, atol=1e-9)
+    np.testing.assert_allclose(rig.camera(0).spline_image_map()["dx"][2, 3], a[0] @ (ox + 3 * hx, oy + 2 * hy) + c[0])
+    outside = np.array([[3000.0, 900.0], [500.0, -400.0]])
+    held = np.array([[ox + (nx - 2) * hx, 900.0], [500.0, oy + hy]])
+    plain = make_rig().undistort(outside + delta(held), 0)
+    np.testing.assert_allclose(rig.undistort(outside, 0), plain, rtol=0, atol=1e-9)
 
 
 @pytest.mark.parametrize("spline", [False, True])

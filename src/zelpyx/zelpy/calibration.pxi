@@ -70,12 +70,12 @@ cdef void _set_spline_image_map(nimbra.Camera* c, object origin, object spacing,
     if dx.ndim != 2 or dx.shape != dy.shape or dx.shape[0] < 4 or dx.shape[1] < 4:
         raise ValueError(where + "spline image map needs dx and dy of one shape (ny, nx), "
                          "at least 4 x 4, got %s and %s." % (dx.shape, dy.shape))
+    if len(origin) != 2 or len(spacing) != 2:
+        raise ValueError(where + "spline image map origin and spacing are pairs (x, y).")
     cdef double ox = origin[0]
     cdef double oy = origin[1]
     cdef double hx = spacing[0]
     cdef double hy = spacing[1]
-    if len(origin) != 2 or len(spacing) != 2:
-        raise ValueError(where + "spline image map origin and spacing are pairs (x, y).")
     cdef int32_t ny = dx.shape[0]
     cdef int32_t nx = dx.shape[1]
     cdef vector[double] cdx = dx.ravel()
