@@ -9,6 +9,9 @@ on the same points:
                               undistortion) and vs undistortPoints on both
                               images followed by triangulatePoints
     triangulate refine=False  the same baselines
+    triangulate, 0.1 px noise refine=True on pixels with noise, as measured ones
+                              have (more Gauss-Newton steps than exact pixels)
+    triangulate, spline map   refine=True with spline maps on both cameras
 Every zelpy figure is given with all analysis workers and with one, since the
 baselines run on one thread.
 Run: python bench/bench_calibration.py [points]
@@ -125,6 +128,10 @@ def main():
         baselines.append(("numpy project", best(lambda: numpy_project(x, cam), repeat=3)))
     report("triangulate refine=True", n, lambda: plain.triangulate(p0, p1), baselines)
     report("triangulate refine=False", n, lambda: plain.triangulate(p0, p1, refine=False), baselines)
+    noise = np.random.default_rng(2).normal(0, 0.1, p0.shape)
+    report("triangulate, 0.1 px noise", n, lambda: plain.triangulate(p0 + noise, p1), baselines)
+    s0, s1 = splined.project(x, 0), splined.project(x, 1)
+    report("triangulate, spline map", n, lambda: splined.triangulate(s0, s1), baselines)
 
 
 if __name__ == "__main__":

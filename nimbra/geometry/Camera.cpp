@@ -205,22 +205,11 @@ bool Camera::project(const Vec3& world, Vec2& pixel, double* jacobian) const {
     double xd, yd, jd[4];
     applyDistortion(distortion_, x, y, xd, yd, jd);
     if (!(x * x + y * y < foldRadius2_) || !(determinant2(jd) > 0.0)) return false;
-    double u, v;
-    if (!spline_.invert(fx_ * xd + skew_ * yd + cx_, fy_ * yd + cy_, u, v)) return false;
+    // d(observed)/d(ideal): the spline map's inverse derivative
+    double u, v, m[4];
+    if (!spline_.invert(fx_ * xd + skew_ * yd + cx_, fy_ * yd + cy_, u, v, m)) return false;
     // d(ideal pixel)/d(x', y') = [fx skew; 0 fy] * jd
     const double a[4] = {fx_ * jd[0] + skew_ * jd[2], fx_ * jd[1] + skew_ * jd[3], fy_ * jd[2], fy_ * jd[3]};
-    // d(observed)/d(ideal) = (I + grad Delta(observed))^-1
-    double m[4] = {1.0, 0.0, 0.0, 1.0};
-    if (!spline_.empty()) {
-        double du, dv, g[4];
-        spline_.evaluate(u, v, du, dv, g);
-        const double s[4] = {1.0 + g[0], g[1], g[2], 1.0 + g[3]};
-        const double det = determinant2(s);
-        m[0] = s[3] / det;
-        m[1] = -s[1] / det;
-        m[2] = -s[2] / det;
-        m[3] = s[0] / det;
-    }
     const double b[4] = {m[0] * a[0] + m[1] * a[2], m[0] * a[1] + m[1] * a[3], m[2] * a[0] + m[3] * a[2],
                          m[2] * a[1] + m[3] * a[3]};
     // d(x', y')/d(P_c) = [1/Z 0 -x/Z; 0 1/Z -y/Z], then d(P_c)/d(P_w) = R.

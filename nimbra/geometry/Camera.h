@@ -83,8 +83,9 @@ public:
     // World point to observed pixel; NaN behind the camera or outside the
     // one-to-one region of the distortion.
     Vec2 project(const Vec3& world) const;
-    // The same with the 2 x 3 Jacobian d(pixel)/d(world), row-major.
-    // False (pixel NaN) where project gives NaN.
+    // The same with the 2 x 3 Jacobian d(pixel)/d(world), row-major (the
+    // spline map's part taken where the map is inverted, see
+    // SplineImageMap::invert). False (pixel NaN) where project gives NaN.
     bool project(const Vec3& world, Vec2& pixel, double* jacobian) const;
     // Normalised undistorted (x', y') to observed pixel.
     Vec2 distort(const Vec2& normalised) const;

@@ -179,7 +179,11 @@ void SplineImageMap::evaluate(double u, double v, double& du, double& dv, double
     }
 }
 
-bool SplineImageMap::invert(double u, double v, double& observedU, double& observedV) const {
+bool SplineImageMap::invert(double u, double v, double& observedU, double& observedV, double* derivative) const {
+    if (derivative != nullptr) {
+        derivative[0] = derivative[3] = 1.0;
+        derivative[1] = derivative[2] = 0.0;
+    }
     if (!dx_) {
         observedU = u;
         observedV = v;
@@ -190,14 +194,47 @@ bool SplineImageMap::invert(double u, double v, double& observedU, double& obser
         observedV = observedU;
         return false;
     }
-    // p = (u, v) - Delta(p) is a contraction (the gradient bound is below
-    // one half), so the error at least halves each step. The tolerance
-    // allows for the spacing of doubles at the size of the coordinates.
+    // The tolerance allows for the spacing of doubles at the size of the
+    // coordinates.
     const double tolerance =
         std::max(1e-12, 8.0 * std::numeric_limits<double>::epsilon() * std::max(std::fabs(u), std::fabs(v)));
     double pu = u, pv = v;
+    // First the iteration p <- p - M (p + Delta(p) - q) with M the inverse
+    // of I + grad Delta at q: Delta changes little within a pixel, so this
+    // settles in two or three evaluations. It is kept only while each step
+    // at least halves the one before.
+    double du, dv, g[4];
+    evaluate(u, v, du, dv, g);
+    const double a = 1.0 + g[0], b = g[1], c = g[2], d = 1.0 + g[3];
+    const double det = a * d - b * c;
+    // Below the gradient bound the singular values of I + grad Delta exceed
+    // one half, so det > 1/4: this only guards against misuse.
+    if (det > 0.25) {
+        const double m[4] = {d / det, -b / det, -c / det, a / det};
+        if (derivative != nullptr) std::copy(m, m + 4, derivative);
+        double previous = std::numeric_limits<double>::infinity();
+        double ru = du, rv = dv;  // residual p + Delta(p) - q at p = q
+        for (int k = 0; k < kMaxFixedPointIterations; ++k) {
+            const double su = m[0] * ru + m[1] * rv;
+            const double sv = m[2] * ru + m[3] * rv;
+            const double size = std::max(std::fabs(su), std::fabs(sv));
+            if (!(size <= 0.5 * previous)) break;  // not contracting: plain iteration below
+            pu -= su;
+            pv -= sv;
+            if (size <= tolerance) {
+                observedU = pu;
+                observedV = pv;
+                return true;
+            }
+            previous = size;
+            evaluate(pu, pv, du, dv);
+            ru = pu + du - u;
+            rv = pv + dv - v;
+        }
+    }
+    // p = q - Delta(p) is a contraction (the gradient bound is below one
+    // half), so the error at least halves each step from anywhere.
     for (int k = 0; k < kMaxFixedPointIterations; ++k) {
-        double du, dv;
         evaluate(pu, pv, du, dv);
         const double nu = u - du;
         const double nv = v - dv;

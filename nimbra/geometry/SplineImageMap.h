@@ -61,7 +61,10 @@ public:
     // The observed position whose corrected position is (u, v): solves
     // p + Delta(p) = (u, v) by fixed-point iteration. False (outputs NaN)
     // when the iteration does not settle, which a valid map never causes.
-    bool invert(double u, double v, double& observedU, double& observedV) const;
+    // With `derivative`, also (I + grad Delta)^-1 taken at (u, v), row-major:
+    // d(observed)/d(corrected) up to the change of grad Delta over the
+    // correction, good for Gauss-Newton steps.
+    bool invert(double u, double v, double& observedU, double& observedV, double* derivative = nullptr) const;
 
 private:
     double originX_ = 0.0;

@@ -216,6 +216,13 @@ double StereoCalibration::refineTriangulation(const Vec2& pixel0, const Vec2& pi
         std::copy(jacobian, jacobian + 12, a);
         for (int i = 0; i < 4; ++i) b[i] = -r[i];
         if (!leastSquares43(a, b, step)) break;
+        // Converged: a step this small is taken without projecting again; it
+        // cannot change the error reported to any digit that matters.
+        const double size = std::max({1.0, std::fabs(world[0]), std::fabs(world[1]), std::fabs(world[2])});
+        if (std::max({std::fabs(step[0]), std::fabs(step[1]), std::fabs(step[2])}) <= 1e-13 * size) {
+            for (int k = 0; k < 3; ++k) world[k] += step[k];
+            break;
+        }
         const Vec3 trial{world[0] + step[0], world[1] + step[1], world[2] + step[2]};
         double rt[4], jt[12];
         if (!residuals(c0, c1, pixel0, pixel1, trial, rt, jt)) break;
@@ -225,8 +232,6 @@ double StereoCalibration::refineTriangulation(const Vec2& pixel0, const Vec2& pi
         cost = trialCost;
         std::copy(rt, rt + 4, r);
         std::copy(jt, jt + 12, jacobian);
-        const double size = std::max({1.0, std::fabs(world[0]), std::fabs(world[1]), std::fabs(world[2])});
-        if (std::max({std::fabs(step[0]), std::fabs(step[1]), std::fabs(step[2])}) <= 1e-13 * size) break;
     }
     return std::sqrt(0.5 * cost);
 }
