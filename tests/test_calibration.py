@@ -201,6 +201,7 @@ def test_folded_distortion_gives_nan_not_the_wrong_branch(rig):
      "(it must stay below 0.5)."),
     (lambda c: Camera.from_opencv_arrays(np.eye(3), [0.1] * 6, np.zeros(3), np.zeros(3), SIZE), ValueError,
      "dist must hold 4, 5, 8 or 12 coefficients (k1 k2 p1 p2 [k3 [k4 k5 k6 [s1 s2 s3 s4]]]), got 6."),
+    (lambda c: c.add_camera(Camera.__new__(Camera)), ValueError, "Camera image size must be positive, got 0 x 0."),
     (lambda c: pickle.dumps(c), TypeError, "no default __reduce__ due to non-trivial __cinit__"),
     (lambda c: pickle.dumps(c.camera(1)), TypeError, "no default __reduce__ due to non-trivial __cinit__"),
 ])
@@ -311,6 +312,8 @@ def test_reading_fills_in_defaults():
     (calibration_xml(cameras=(0, 2)), "Malformed calibration: camera indices must run 0 .. n-1, got [0, 2]."),
     (calibration_xml(extra='<quality reprojection_rms_px="-"/>'), "Malformed calibration: attribute "
      "'reprojection_rms_px' of <quality> is not a number: '-'."),
+    (calibration_xml(extra='<quality epipolar_rms_px="-0.5"/>'), "Malformed calibration: epipolar_rms_px "
+     "must be a finite number >= 0 or None, got -0.5."),
 ])
 def test_malformed_calibrations_are_refused(rig, root, message):
     with pytest.raises(ValueError) as info:

@@ -553,10 +553,12 @@ cdef void _parse_calibration(object element, nimbra.StereoCalibration* out) exce
         out.addCamera(camera)
 
     quality = element.find("quality")
-    nan = float("nan")
     if quality is not None:
-        out.setQuality(_xml_float(quality, "reprojection_rms_px", "<quality>", nan),
-                       _xml_float(quality, "epipolar_rms_px", "<quality>", nan))
+        figures = []
+        for name in ("reprojection_rms_px", "epipolar_rms_px"):
+            value = _xml_float(quality, name, "<quality>") if quality.get(name) is not None else None
+            figures.append(_quality_figure(value, "Malformed calibration: " + name))
+        out.setQuality(figures[0], figures[1])
 
 
 cdef object _calibration_element(const nimbra.StereoCalibration* calibration):
@@ -696,14 +698,18 @@ cdef class ProjectCalibration:
         """Appends a copy of ``camera``; returns its index."""
         self.__check_thisptr()
         cdef nimbra.Camera* c = camera._ptr()
-        return self.thisptr.addCamera(c[0])
+        cdef int index = self.thisptr.addCamera(c[0])
+        if index < 0:
+            raise ValueError("Camera image size must be positive, got %d x %d." % (c.width(), c.height()))
+        return index
 
     def set_camera(self, index, Camera camera not None):
         """Replaces camera ``index`` by a copy of ``camera``."""
         self.__check_thisptr()
         cdef int i = self._camera_index(index)
         cdef nimbra.Camera copy = camera._ptr()[0]
-        self.thisptr.setCamera(i, copy)
+        if not self.thisptr.setCamera(i, copy):
+            raise ValueError("Camera image size must be positive, got %d x %d." % (copy.width(), copy.height()))
 
     def remove_camera(self, index):
         """Removes camera ``index``; the cameras after it move down by one."""
