@@ -97,6 +97,7 @@ cdef inline str _str(const string& text):
 include "data.pxi"
 include "analysis.pxi"
 include "geometry.pxi"
+include "calibration.pxi"
 include "polygon.pxi"
 include "project.pxi"
 include "dataio.pxi"
