@@ -14,7 +14,6 @@ import glob
 import os
 import signal
 import sys
-import tempfile
 import threading
 
 EXIT_FAILED = 1
@@ -50,35 +49,41 @@ def _say(message: str) -> None:
         print(message, file=sys.stderr)
 
 
+class _LibraryLines:
+    """The error lines the library logged on this thread since creation.
+
+    Read when used, so a handler inside the block already sees the line that
+    explains the failure it handles.
+    """
+
+    def __init__(self):
+        import zelpy
+        self._mark = zelpy.log_error_count()
+
+    def _lines(self) -> list[str]:
+        import zelpy
+        return [line.strip() for line in zelpy.log_errors_since(self._mark) if line.strip()]
+
+    def __iter__(self):
+        return iter(self._lines())
+
+    def __len__(self):
+        return len(self._lines())
+
+    def __getitem__(self, index):
+        return self._lines()[index]
+
+
 @contextlib.contextmanager
 def _library_messages():
-    """Collect what the compiled library writes to standard error.
+    """The library's own explanation of what fails in the block.
 
-    The library logs its own diagnostics (a decoder complaint, for example)
-    straight to file descriptor 2. The command folds them into its own
-    one-line messages instead of letting them interleave with its output.
+    The library keeps its error lines per thread, so this needs neither the
+    standard error stream nor a lock, and works the same on worker threads.
+    While a command runs the library's console output is off (see main): its
+    lines reach the user folded into the command's one-line messages.
     """
-    lines: list[str] = []
-    try:
-        sys.stderr.flush()
-        saved = os.dup(2)
-    except (OSError, ValueError, AttributeError):
-        yield lines
-        return
-    with tempfile.TemporaryFile() as sink:
-        os.dup2(sink.fileno(), 2)
-        try:
-            yield lines
-        finally:
-            try:
-                sys.stderr.flush()
-            except (OSError, ValueError):
-                pass
-            os.dup2(saved, 2)
-            os.close(saved)
-            sink.seek(0)
-            text = sink.read().decode("utf-8", "replace")
-            lines.extend(line.strip() for line in text.splitlines() if line.strip())
+    yield _LibraryLines()
 
 
 @contextlib.contextmanager
@@ -97,27 +102,13 @@ def _deferred_interrupt():
         raise KeyboardInterrupt
 
 
-_bar_stream = None
-
-
 def _progress(total: int, desc: str, quiet: bool):
     """A progress bar on standard error (shown only on a terminal)."""
-    global _bar_stream
     try:
         from tqdm import tqdm
     except ImportError:
         return _NoBar()
-    if _bar_stream is None:
-        # The bar keeps its own handle on the terminal: while the library's
-        # messages are being collected, descriptor 2 points elsewhere.
-        try:
-            sys.stderr.flush()
-            _bar_stream = os.fdopen(os.dup(2), "w", buffering=1,
-                                    encoding=getattr(sys.stderr, "encoding", None) or "utf-8",
-                                    errors="replace")
-        except (OSError, ValueError, AttributeError):
-            _bar_stream = sys.stderr
-    return tqdm(total=total, desc=desc, unit="dataset", file=_bar_stream,
+    return tqdm(total=total, desc=desc, unit="dataset", file=sys.stderr,
                 disable=True if quiet else None, dynamic_ncols=True)
 
 
@@ -129,8 +120,15 @@ class _NoBar:
         pass
 
 
-def _detail(exc: BaseException, lines: list[str]) -> str:
-    return "; ".join(lines) if lines else str(exc)
+def _detail(exc: BaseException, lines=()) -> str:
+    """Why EXC happened: the library's own lines when it logged any (they say
+    more than the fixed message of the exception), else the exception with
+    its notes."""
+    found = list(dict.fromkeys(lines))
+    if found:
+        return "; ".join(found)
+    notes = getattr(exc, "__notes__", None)
+    return f"{exc} ({'; '.join(notes)})" if notes else str(exc)
 
 
 def _short(name: str) -> str:
@@ -312,14 +310,16 @@ def _compute_strain(ds, options: dict) -> None:
         try:
             ds.compute_strain(**opts)
         except Exception as exc:
-            error = _detail(exc, lines) if lines else str(exc)
-            raise DatasetError(f"{ds.file_name()}: strain failed: {error}") from None
+            raise DatasetError(f"{ds.file_name()}: strain failed: "
+                               f"{_detail(exc, lines)}") from None
 
 
 def _worker_init() -> None:
     # Ctrl-C is the parent's business: it stops handing out work and lets
     # the workers finish or be dropped; they never write files.
     signal.signal(signal.SIGINT, signal.SIG_IGN)
+    import zelpy
+    zelpy.set_log_severity(0)   # as in main: the lines come back folded in
 
 
 def _strain_job(name: str, raw: bytes, options: dict):
@@ -801,6 +801,20 @@ def _version() -> str:
 
 def main(argv=None) -> int:
     args = build_parser().parse_args(argv)
+    import zelpy
+
+    # Every problem is reported as one line of the command's own, with the
+    # library's explanation folded in (see _library_messages); its console
+    # lines would only repeat that.
+    severity = zelpy.log_severity()
+    zelpy.set_log_severity(0)
+    try:
+        return _run(args)
+    finally:
+        zelpy.set_log_severity(severity)
+
+
+def _run(args) -> int:
     try:
         return args.func(args)
     except CliError as exc:

@@ -663,3 +663,27 @@ def set_log_severity(int severity):
 def log_severity():
     """The most verbose severity the library currently writes."""
     return <int>nimbra.log_max_severity()
+
+
+def log_error_count():
+    """How many error messages the library has logged on this thread so far.
+
+    Take it before a call and pass it to :func:`log_errors_since` after a
+    failure to learn the library's own explanation (for example "Could not
+    find coordinates for strain computation." behind "Error in calculating
+    strain.").
+    """
+    return nimbra.log_thread_error_count()
+
+
+def log_errors_since(count):
+    """The library's error messages logged on this thread after ``count``
+    (a :func:`log_error_count`), oldest first, at most the last 16.
+
+    Kept whatever the log severity, so they are there even when standard
+    error is silenced with ``set_log_severity(0)``; messages of other threads
+    never appear.
+    """
+    cdef uint64_t mark = count
+    cdef string line
+    return [_str(line) for line in nimbra.log_thread_errors_since(mark)]
