@@ -12,6 +12,7 @@ import sys
 import time
 import xml.etree.ElementTree as ET
 
+import h5py
 import numpy as np
 import pytest
 
@@ -199,6 +200,23 @@ def test_unknown_variable(series, tmp_path, args):
     out = tmp_path / ("exported" if args[0] == "export" else "plot.png")
     assert_one_line_error(run(*(a.format(src=series) for a in args), "-o", out), 1, "unknown variable 'nope'")
     assert not out.exists() or not os.listdir(out)
+
+
+@pytest.mark.parametrize("args, fragment", [
+    (("info",), None),
+    (("export", "-f", "csv", "-o", "{tmp}/csv", "-q"), None),
+    (("plot", "-v", "e1", "-o", "{tmp}/p.png"), None),
+    (("strain", "-o", "{tmp}/s.h5", "-q"), None),
+    (("strain", "-q"), "must be writable and not open in another program"),   # in place
+])
+def test_write_protected_source_held_open_elsewhere(series, tmp_path, args, fragment):
+    series.chmod(0o444)
+    with h5py.File(series, "r"):   # as a viewer would hold it
+        result = run(args[0], series, *(a.format(tmp=tmp_path) for a in args[1:]))
+    if fragment:
+        assert_one_line_error(result, 1, f"Cannot open {series}.", fragment)
+    else:
+        assert result.returncode == 0, result.stderr
 
 
 # ------------------------------------------------------------------ info

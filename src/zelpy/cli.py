@@ -139,15 +139,20 @@ def _short(name: str) -> str:
     return name
 
 
-def open_source(source: str):
-    """A ZelDataSetReader over SOURCE with at least one dataset."""
+def open_source(source: str, writable: bool = False):
+    """A ZelDataSetReader over SOURCE with at least one dataset.
+
+    An HDF5 source is opened for reading only unless the command writes back
+    into it, so a write-protected file or one open in another program can
+    still be listed, exported and plotted.
+    """
     import zelpy
 
     if not os.path.exists(source) and not glob.glob(source):
         raise CliError(f"{source}: no such file or directory")
     try:
         with _library_messages() as lines:
-            reader = zelpy.ZelDataSetReader(source)
+            reader = zelpy.ZelDataSetReader(source, read_only=not writable)
     except Exception as exc:  # the reader's own classes vary by source kind
         raise CliError(f"{source}: {_detail(exc, lines)}") from None
     if not reader.get_dataset_list():
@@ -378,7 +383,7 @@ def _store(save, ds, name: str) -> None:
 def cmd_strain(args) -> int:
     import zelpy
 
-    reader = open_source(args.source)
+    reader = open_source(args.source, writable=args.output is None)
     names = list(reader.get_dataset_list())
     save = _make_writer(reader, args.output)
     options = _strain_options(args)
