@@ -302,6 +302,33 @@ def test_interrupt_leaves_every_file_whole(out_dir):
     assert sum("e_tresca" in zelpy.ZelDataSetReader(str(out_dir / n))[0].variables() for n in before) >= 1
 
 
+ALL_REPEATED = "exx, eyy, exy, e1, e2, gamma occur more than once in "
+
+
+@pytest.mark.parametrize("args, note_on, note", [
+    (("info", "-d", "-1"), "stdout", ALL_REPEATED + "this dataset"),
+    (("export", "-f", "csv", "-o", "{tmp}/csv", "-d", "-1"), "stderr", ALL_REPEATED + "plate_hole.h5:out:0002"),
+    (("export", "-f", "vtu", "-v", "exx", "X", "exx", "-o", "{tmp}/vtu", "-d", "-1"), "stderr", "note: exx occurs"),
+    (("plot", "-v", "exx", "-o", "{tmp}/p.png"), "stderr", "note: exx occurs more than once"),
+])
+def test_repeated_variable_names_use_the_first(series, tmp_path, args, note_on, note):
+    """strain --no-reuse adds a second exx ...; every command takes the first,
+    as the library's look-ups do, and says so."""
+    assert run("strain", series, "--no-reuse", "-w", 5, "-q").returncode == 0
+    result = run(args[0], series, *(a.format(tmp=tmp_path) for a in args[1:]))
+    assert result.returncode == 0, result.stderr
+    assert note in getattr(result, note_on) and "Traceback" not in result.stderr
+    if args[:3] == ("export", "-f", "csv"):
+        last = zelpy.ZelDataSetReader(str(series))[-1]
+        names = last.variables()
+        second = names.index("exx", names.index("exx") + 1)
+        table = np.genfromtxt(tmp_path / "csv" / os.listdir(tmp_path / "csv")[0], delimiter=",", names=True)
+        assert list(table.dtype.names) == ["aoi", "row", "column", *dict.fromkeys(names)]
+        index = (table["row"] * DEMO_SIZE + table["column"]).astype(int)
+        np.testing.assert_array_equal(table["exx"].astype(np.float32), last.get_values(["exx"])["exx"][index])
+        assert not np.array_equal(table["exx"].astype(np.float32), last[0].variable_view(second).ravel()[index])
+
+
 # ------------------------------------------------------------------ convert
 
 def test_convert_round_trip_follows_the_writer_names(series, out_dir, tmp_path):

@@ -252,9 +252,15 @@ def cmd_demo(args) -> int:
 
 # -------------------------------------------------------------------- info
 
+def _repeated_note(names: list[str], where: str) -> str:
+    one = len(names) == 1
+    return (f"note: {', '.join(names)} {'occurs' if one else 'occur'} more than once in "
+            f"{where}; the first {'' if one else 'of each '}is used, as by every look-up by name")
+
+
 def cmd_info(args) -> int:
     import numpy as np
-    from zelpy.export import valid_mask
+    from zelpy.export import repeated_variables, valid_mask
 
     reader = open_source(args.source)
     names = reader.get_dataset_list()
@@ -283,15 +289,22 @@ def cmd_info(args) -> int:
     if detail is not None:
         print(f"variables of [{names.index(detail_name)}] {_short(detail_name)}:")
         valid = valid_mask(detail)
-        vars_ = detail.variables()
-        values = detail.get_values(vars_) if vars_ else None
-        width = max((len(v) for v in vars_), default=4)
-        for v, desc, typ in zip(vars_, detail.variables_descriptions(),
+        # A repeated name is listed once, with its first variable: the one
+        # get_values and every other look-up by name reach.
+        listed = {}
+        for v, desc, typ in zip(detail.variables(), detail.variables_descriptions(),
                                 detail.variables_types()):
+            listed.setdefault(v, (desc, typ))
+        values = detail.get_values(list(listed)) if listed else None
+        width = max((len(v) for v in listed), default=4)
+        for v, (desc, typ) in listed.items():
             col = values[v][valid] if valid.any() else values[v]
             lo, hi = (float(np.min(col)), float(np.max(col))) if col.size else (0.0, 0.0)
             print(f"  {v:<{width}}  {typ.name:<19} {desc!r:<28} "
                   f"[{lo:.6g}, {hi:.6g}]")
+        repeated = repeated_variables(detail)
+        if repeated:
+            print("  " + _repeated_note(repeated, "this dataset"))
     return _finish("info", failed, len(names))
 
 
@@ -513,14 +526,22 @@ def cmd_export(args) -> int:
     os.makedirs(outdir, exist_ok=True)
     ext = "." + args.format
     written, failed = [], 0
-    variables = args.variables
+    variables = list(dict.fromkeys(args.variables)) if args.variables else None
+    noted = False
     bar = _progress(len(names), "export", args.quiet)
     try:
         for name in names:
             try:
                 ds = load_dataset(reader, name)
+                repeated = export.repeated_variables(ds)
+                if repeated and not noted and (variables is None or set(repeated) & set(variables)):
+                    # Said once: a series computed this way repeats them everywhere.
+                    shown = [v for v in repeated if variables is None or v in variables]
+                    _say(f"zelpy export: {_repeated_note(shown, _short(name))} "
+                         "(noted for the first dataset only)")
+                    noted = True
                 if variables is None:
-                    variables = ds.variables()
+                    variables = list(dict.fromkeys(ds.variables()))
                 elif not written and not failed:
                     # A misspelt variable is a mistake on the command line,
                     # not a problem of one dataset: stop before writing.
@@ -586,6 +607,8 @@ def cmd_plot(args) -> int:
         export.check_variables(ds, [args.variable])
     except KeyError as exc:
         raise CliError(exc.args[0]) from None
+    if args.variable in export.repeated_variables(ds):
+        _say(f"zelpy plot: {_repeated_note([args.variable], _short(name))}")
     out = args.output
     if out is None:
         stem = os.path.splitext(os.path.basename(

@@ -78,6 +78,26 @@ def positions(ds) -> tuple[np.ndarray, tuple[str, str]]:
     raise ValueError("the dataset has no point coordinates (X/Y, x_c/y_c or x/y)")
 
 
+def repeated_variables(ds) -> list[str]:
+    """Variable names that occur more than once in the dataset, in order.
+
+    A dataset can hold a second variable of the same name (strain computed
+    again without reusing the variables, for example); look-ups by name,
+    and so everything here, reach only the first of them.
+    """
+    names = ds.variables()
+    seen, repeated = set(), {}
+    for name in names:
+        if name in seen:
+            repeated[name] = None
+        seen.add(name)
+    return list(repeated)
+
+
+def _unique(variables) -> list[str]:
+    return list(dict.fromkeys(variables))
+
+
 def check_variables(ds, variables) -> None:
     """Fail with one readable message when a variable is not in the dataset."""
     have = ds.variables()
@@ -91,8 +111,9 @@ def write_csv(ds, path: str, variables, all_points: bool = False) -> int:
 
     Invalid points are left out unless `all_points`. Floats are written with
     nine significant digits, which round-trips every float32 exactly.
-    Returns the number of rows written.
+    Returns the number of rows written. A name given twice is written once.
     """
+    variables = _unique(variables)
     check_variables(ds, variables)
     blocks = []
     for n in range(ds.num_data()):
@@ -142,6 +163,7 @@ def write_vtu(ds, path: str, variables) -> tuple[int, int]:
     every chosen variable becomes a point-data array. Returns
     (points, cells).
     """
+    variables = _unique(variables)
     check_variables(ds, variables)
     pts, _ = positions(ds)
     valid = valid_mask(ds)
