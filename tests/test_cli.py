@@ -175,6 +175,9 @@ def test_every_subcommand_has_help(command):
     (("plot", "x", "-v", "e1", "--size", "800by600"), "WIDTHxHEIGHT"),
     (("serve", "x", "--fps", "0"), "must be positive"),
     (("serve", "x", "--port", "70000"), "0..65535"),
+    (("demo", "x", "--stress", "0"), "must be positive, got 0"),
+    (("demo", "x", "--stress", "nan"), "must be positive, got nan"),
+    (("demo", "x", "--stress", "inf"), "must be a finite number, got inf"),
 ])
 def test_bad_options_give_one_line_and_status_2(args, fragment):
     assert_one_line_error(run(*args), 2, fragment)
@@ -264,19 +267,30 @@ def test_strain_in_place_keeps_names_and_adds_variables(out_dir):
             assert np.abs(v["fxx"][valid]).max() < 1e-3
 
 
+@pytest.mark.parametrize("damage, why", [
+    ("corrupt", "cannot be read: Unknown file type. 0"),
+    ("no coordinates", "strain failed: Could not find coordinates for strain computation."),
+])
 @pytest.mark.parametrize("jobs", [1, 2])
-def test_corrupt_file_is_named_and_the_others_are_processed(out_dir, jobs):
+def test_failing_file_is_named_with_the_cause_and_the_others_are_processed(out_dir, jobs, damage, why):
     names = names_of(out_dir)
     bad = out_dir / names[1]
-    bad.write_bytes(b"\x00" * 64)
+    if damage == "corrupt":
+        bad.write_bytes(b"\x00" * 64)
+    else:
+        ds = zelpy.ZelDataSet()
+        ds.add_aoi(DEMO_SIZE, DEMO_SIZE)
+        ds.add_variable("sigma", "sigma", zelpy.ZelDataVariableType.Correlation)
+        ds.save(str(bad))
+    before = bad.read_bytes()
     result = run("strain", out_dir, "--tresca", "--jobs", jobs)
     assert result.returncode == 1 and "Traceback" not in result.stderr
     first, last = result.stderr.strip().splitlines()   # exactly two lines
-    assert str(bad) in first
+    assert first == f"zelpy strain: {bad}: {why}"
     assert last == f"zelpy strain: 1 of {len(names)} datasets failed"
     for name in (names[0], names[2]):
         assert "e_tresca" in values(out_dir / name, ["e_tresca"]).dtype.names
-    assert bad.read_bytes() == b"\x00" * 64
+    assert bad.read_bytes() == before
 
 
 def test_interrupt_leaves_every_file_whole(out_dir):
@@ -356,8 +370,11 @@ def test_convert_refuses_a_file_name_it_cannot_map(tmp_path, series):
 # ------------------------------------------------------------------ export
 
 def test_export_csv_columns_and_values(series, tmp_path):
-    result = run("export", series, "-f", "csv", "-v", "e1", "X", "-o", tmp_path / "csv", "-d", "-1")
-    assert result.returncode == 0, result.stderr
+    # The same dataset picked twice is written once.
+    result = run("export", series, "-f", "csv", "-v", "e1", "X", "-o", tmp_path / "csv", "-d", "-1",
+                 "-d", DEMO_STEPS - 1)
+    assert (result.returncode, result.stderr) == (0, "")
+    assert result.stdout.startswith("wrote 1 CSV file(s)")
     name = f"plate_hole-{DEMO_STEPS - 1:04d}_0.csv"
     assert names_of(tmp_path / "csv") == [name]
     table = np.genfromtxt(tmp_path / "csv" / name, delimiter=",", names=True)
@@ -412,6 +429,56 @@ def test_plot_writes_a_png_of_the_requested_size(series, tmp_path, options, name
     result = run("plot", series, *options, cwd=tmp_path)
     assert result.returncode == 0, result.stderr
     assert png_size(tmp_path / name) == size
+
+
+@pytest.mark.parametrize("output, magic", [
+    ("p.pdf", b"%PDF-"), ("p.SVG", b"<?xml"), ("p.jpg", b"\xff\xd8\xff"),
+    ("pictures", b"\x89PNG"),   # an existing directory: the default name inside it
+])
+def test_plot_writes_the_format_its_suffix_names(series, tmp_path, output, magic):
+    (tmp_path / "pictures").mkdir()
+    result = run("plot", series, "-v", "e1", "-o", output, cwd=tmp_path)
+    assert result.returncode == 0, result.stderr
+    path = tmp_path / output
+    if path.is_dir():
+        path = path / f"plate_hole-{DEMO_STEPS - 1:04d}_e1.png"
+    assert path.read_bytes().startswith(magic)
+    assert result.stdout == f"wrote {path}\n"
+
+
+SUFFIX_REFUSED = "(a new directory is not made for a name with a suffix; create it first to use this name)"
+
+
+@pytest.mark.parametrize("args, message", [
+    (("plot", "{src}", "-v", "e1", "-o", "x.txt"),
+     "x.txt: '.txt' is not an image format; use one of .png, .pdf, .svg, .eps, .ps, .jpg, .jpeg, .tif, .tiff, .webp"),
+    (("plot", "{src}", "-v", "e1", "-o", "x"), "x: no image format suffix; use one of .png"),
+    (("export", "{src}", "-f", "csv", "-o", "result.txt"), "result.txt: the output must be a directory " + SUFFIX_REFUSED),
+    (("strain", "{src}", "-o", "result.txt"),
+     "result.txt: the destination must be a directory or an .h5 file " + SUFFIX_REFUSED),
+    (("strain", "{src}", "-w", "999"), f"window 999 is larger than the grid ({DEMO_SIZE}x{DEMO_SIZE} points): "
+                                       "the smoothing would fit one plane to the whole AOI"),
+    (("demo", "d", "--size", "21", "--window", "31"),
+     "window 31 is larger than the grid (21x21 points); use a smaller --window or a larger --size"),
+])
+def test_command_line_mistakes_are_refused_before_anything_is_written(series, tmp_path, args, message):
+    def contents():
+        return {p: p.is_dir() or p.read_bytes() for p in tmp_path.rglob("*")}
+
+    before = contents()
+    result = run(*(a.format(src=series) for a in args), cwd=tmp_path)
+    assert_one_line_error(result, 1)
+    assert result.stderr.startswith(f"zelpy {args[0]}: error: {message}")
+    assert contents() == before
+
+
+def test_write_errors_name_the_target_not_a_temporary_file(series, tmp_path):
+    target = tmp_path / "csv" / "plate_hole-0000_0.csv"
+    target.mkdir(parents=True)   # in the way of the file
+    result = run("export", series, "-f", "csv", "-d", 0, "-o", tmp_path / "csv")
+    first = result.stderr.splitlines()[0]
+    assert first == f"zelpy export: {series}:out:0000: [Errno 21] Is a directory: '{target}'"
+    assert os.listdir(tmp_path / "csv") == [target.name]
 
 
 # ------------------------------------------------------------------ serve

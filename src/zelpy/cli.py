@@ -11,6 +11,7 @@ from __future__ import annotations
 import argparse
 import contextlib
 import glob
+import math
 import os
 import signal
 import sys
@@ -213,6 +214,9 @@ def cmd_demo(args) -> int:
         if not args.no_plot:
             print("zelpy demo: matplotlib is not installed, so no plot is made "
                   "(pip install \"zelpy[demo]\")", file=sys.stderr)
+    if args.window > args.size:
+        raise CliError(f"window {args.window} is larger than the grid ({args.size}x{args.size} "
+                       "points); use a smaller --window or a larger --size")
     series = demo.DemoSeries(size=args.size, steps=args.steps, seed=args.seed,
                              max_stress=args.stress)
     bar = _progress(series.steps, "demo", args.quiet)
@@ -319,9 +323,26 @@ def _strain_options(args) -> dict:
                 output_gradient=args.gradient)
 
 
+def _window_problem(ds, window: int) -> str | None:
+    """Why WINDOW makes no sense on the grids of DS, or None.
+
+    The library clips the window at the grid border, so a window wider than
+    every grid quietly fits one plane to a whole AOI instead of smoothing.
+    """
+    grids = [(ds.data(n).num_rows(), ds.data(n).num_columns()) for n in range(ds.num_data())]
+    if grids and window > max(max(grid) for grid in grids):
+        sizes = ", ".join(f"{rows}x{columns}" for rows, columns in grids)
+        return (f"window {window} is larger than the grid ({sizes} points): the smoothing "
+                "would fit one plane to the whole AOI")
+    return None
+
+
 def _compute_strain(ds, options: dict) -> None:
     import zelpy
 
+    problem = _window_problem(ds, options["window_size"])
+    if problem:
+        raise DatasetError(f"{ds.file_name()}: {problem}")
     opts = dict(options)
     opts["tensor_type"] = getattr(zelpy.TensorType, opts.pop("tensor"))
     with _library_messages() as lines:
@@ -355,6 +376,25 @@ def _strain_job(name: str, raw: bytes, options: dict):
     return name, True, ds.export_raw()
 
 
+def _output_directory(path: str, what: str) -> None:
+    """Make sure PATH is a directory to write into, creating a new one.
+
+    A new name with a suffix (result.txt, run.h6) is more likely a mistyped
+    file name than a wanted directory, so it is refused rather than created.
+    """
+    if os.path.isdir(path):
+        return
+    if os.path.exists(path):
+        raise CliError(f"{path}: {what}")
+    if os.path.splitext(os.path.basename(os.path.normpath(path)))[1]:
+        raise CliError(f"{path}: {what} (a new directory is not made for a name with a "
+                       "suffix; create it first to use this name)")
+    try:
+        os.makedirs(path)
+    except OSError as exc:
+        raise CliError(f"{path}: cannot create the directory: {exc.strerror}") from None
+
+
 def _make_writer(reader, dest: str | None):
     """A function that stores a dataset: in place, or under DEST."""
     import zelpy
@@ -366,9 +406,7 @@ def _make_writer(reader, dest: str | None):
             ds.save(ds.file_name())
         return save
     if not dest.endswith(".h5"):
-        if os.path.exists(dest) and not os.path.isdir(dest):
-            raise CliError(f"{dest}: the destination must be a directory or an .h5 file")
-        os.makedirs(dest, exist_ok=True)
+        _output_directory(dest, "the destination must be a directory or an .h5 file")
     else:
         parent = os.path.dirname(os.path.abspath(dest))
         if not os.path.isdir(parent):
@@ -398,8 +436,16 @@ def cmd_strain(args) -> int:
 
     reader = open_source(args.source, writable=args.output is None)
     names = list(reader.get_dataset_list())
-    save = _make_writer(reader, args.output)
     options = _strain_options(args)
+    # A window that does not fit the grid is a mistake on the command line:
+    # say so before anything is written (each dataset is checked again).
+    try:
+        problem = _window_problem(load_dataset(reader, names[0]), args.window)
+    except DatasetError:
+        problem = None   # reported with the others in the loop
+    if problem:
+        raise CliError(problem)
+    save = _make_writer(reader, args.output)
     total = len(names)
     failed = done = 0
     bar = _progress(total, "strain", args.quiet)
@@ -513,7 +559,8 @@ def cmd_convert(args) -> int:
 def _selected(reader, indices) -> list[str]:
     if not indices:
         return list(reader.get_dataset_list())
-    return [_pick(reader, i) for i in indices]
+    # -d 2 -d -1 on three datasets names one of them twice: written once.
+    return list(dict.fromkeys(_pick(reader, i) for i in indices))
 
 
 def cmd_export(args) -> int:
@@ -523,7 +570,7 @@ def cmd_export(args) -> int:
     reader = open_source(args.source)
     names = _selected(reader, args.dataset)
     outdir = args.output or _source_dir(reader, args.source)
-    os.makedirs(outdir, exist_ok=True)
+    _output_directory(outdir, "the output must be a directory")
     ext = "." + args.format
     written, failed = [], 0
     variables = list(dict.fromkeys(args.variables)) if args.variables else None
@@ -597,6 +644,14 @@ def cmd_plot(args) -> int:
         import matplotlib  # noqa: F401
     except ImportError:
         raise CliError("plotting needs matplotlib: pip install \"zelpy[demo]\"") from None
+    directory = None
+    if args.output is not None and os.path.isdir(args.output):
+        directory, args.output = args.output, None
+    elif args.output is not None:
+        try:
+            export.plot_format(args.output)
+        except ValueError as exc:
+            raise CliError(str(exc)) from None
     reader = open_source(args.source)
     name = _pick(reader, args.dataset)
     try:
@@ -615,7 +670,7 @@ def cmd_plot(args) -> int:
             name.split(":out:")[0]))[0]
         if ":out:" in name:
             stem += "-" + name.split(":out:")[1]
-        out = f"{stem}_{args.variable}.png"
+        out = os.path.join(directory or "", f"{stem}_{args.variable}.png")
     try:
         with _library_messages() as lines:
             export.plot_variable(ds, args.variable, out, size=args.size,
@@ -672,13 +727,22 @@ def _window(text: str) -> int:
     return value
 
 
-def _fps(text: str) -> float:
+def _positive_float(text: str) -> float:
     try:
         value = float(text)
     except ValueError:
         raise argparse.ArgumentTypeError(f"invalid number: '{text}'")
     if not value > 0:
         raise argparse.ArgumentTypeError(f"must be positive, got {text}")
+    return value
+
+
+def _stress(text: str) -> float:
+    value = _positive_float(text)
+    # The summary compares with the closed form at the remote stress: an
+    # unloaded or unbounded plate has nothing to compare.
+    if not math.isfinite(value):
+        raise argparse.ArgumentTypeError(f"must be a finite number, got {text}")
     return value
 
 
@@ -720,7 +784,7 @@ def build_parser() -> argparse.ArgumentParser:
                    help="grid points per side (default 201)")
     p.add_argument("--window", type=_window, default=15,
                    help="strain smoothing window (default 15)")
-    p.add_argument("--stress", type=float, default=100.0,
+    p.add_argument("--stress", type=_stress, default=100.0,
                    help="remote stress of the last dataset in MPa (default 100)")
     p.add_argument("--seed", type=int, default=1, help="seed of the measurement noise")
     p.add_argument("--no-plot", action="store_true", help="skip the PNG")
@@ -796,8 +860,10 @@ def build_parser() -> argparse.ArgumentParser:
                                    "one dataset, with a colour bar in the variable's unit.")
     p.add_argument("source", metavar="SOURCE", help=SOURCE_HELP)
     p.add_argument("-v", "--variable", required=True, metavar="VAR")
-    p.add_argument("-o", "--output", metavar="FILE.png",
-                   help="PNG to write (default: ./<dataset>_<VAR>.png)")
+    p.add_argument("-o", "--output", metavar="FILE",
+                   help="image to write, in the format its suffix names (.png, .pdf, "
+                        ".svg, .eps, .jpg, .tif, .webp); a directory takes the default "
+                        "name (default: ./<dataset>_<VAR>.png)")
     p.add_argument("-d", "--dataset", type=int, default=-1, metavar="INDEX",
                    help="dataset to plot (default -1, the last)")
     p.add_argument("--size", type=_size, default=(1000, 800), metavar="WxH",
@@ -812,7 +878,7 @@ def build_parser() -> argparse.ArgumentParser:
     p.add_argument("source", metavar="SOURCE", help=SOURCE_HELP)
     p.add_argument("--port", type=_port, default=20020, help="TCP port (default 20020; 0 picks one)")
     p.add_argument("--host", default="127.0.0.1", help="address to listen on (default 127.0.0.1)")
-    p.add_argument("--fps", type=_fps, default=None,
+    p.add_argument("--fps", type=_positive_float, default=None,
                    help="datasets per second (default: as fast as the client reads)")
     p.add_argument("--loop", action="store_true", help="start over after the last dataset")
     p.set_defaults(func=cmd_serve)

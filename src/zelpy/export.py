@@ -226,10 +226,31 @@ def _atomic_write(path: str, fill, binary: bool = False) -> None:
                   **({} if binary else {"encoding": "utf-8"})) as f:
             fill(f)
         os.replace(tmp, path)
-    except BaseException:
+    except BaseException as exc:
         if os.path.exists(tmp):
             os.remove(tmp)
+        if isinstance(exc, OSError) and exc.errno is not None:
+            # The temporary name means nothing to the user: name the target.
+            raise OSError(exc.errno, exc.strerror, path) from None
         raise
+
+
+# Image formats of plot_variable by file name suffix. Raster images get
+# exactly the requested size in pixels, vector ones that size at 100 dpi.
+PLOT_FORMATS = {".png": "png", ".pdf": "pdf", ".svg": "svg", ".eps": "eps", ".ps": "ps",
+                ".jpg": "jpeg", ".jpeg": "jpeg", ".tif": "tiff", ".tiff": "tiff",
+                ".webp": "webp"}
+
+
+def plot_format(path: str) -> str:
+    """The image format that the suffix of `path` names (ValueError if none)."""
+    suffix = os.path.splitext(path)[1]
+    try:
+        return PLOT_FORMATS[suffix.lower()]
+    except KeyError:
+        what = f"'{suffix}' is not an image format" if suffix else "no image format suffix"
+        raise ValueError(f"{path}: {what}; use one of "
+                         f"{', '.join(PLOT_FORMATS)}") from None
 
 
 def plot_variable(ds, variable: str, path: str, title: str | None = None,
@@ -237,7 +258,9 @@ def plot_variable(ds, variable: str, path: str, title: str | None = None,
                   levels: int = 24) -> None:
     """Filled contour plot of one variable over the dataset's triangulation.
 
-    The PNG is exactly `size` pixels, so it can go straight into a report.
+    The format follows the suffix of `path` (PLOT_FORMATS: PNG, PDF, SVG ...;
+    ValueError for any other). Raster images are exactly `size` pixels, so
+    they can go straight into a report.
     """
     import matplotlib
     matplotlib.use("Agg", force=False)
@@ -246,6 +269,7 @@ def plot_variable(ds, variable: str, path: str, title: str | None = None,
     from matplotlib.ticker import MaxNLocator
     from matplotlib.tri import Triangulation
 
+    image_format = plot_format(path)
     check_variables(ds, [variable])
     descr = dict(zip(ds.variables(), ds.variables_descriptions()))
     triangles = np.asarray(ds.triangulation(), dtype=np.int64).reshape(-1, 3)
@@ -273,5 +297,5 @@ def plot_variable(ds, variable: str, path: str, title: str | None = None,
     ax.set_xlabel(xlabel)
     ax.set_ylabel(ylabel)
     ax.set_title(title or f"{variable}: {os.path.basename(ds.file_name() or '')}")
-    _atomic_write(path, lambda f: fig.savefig(f, format="png", dpi=dpi),
+    _atomic_write(path, lambda f: fig.savefig(f, format=image_format, dpi=dpi),
                   binary=True)
