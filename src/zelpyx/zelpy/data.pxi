@@ -696,7 +696,7 @@ cdef object _read_hdf5_member(str path, str index):
         group = handle["out"]
         if index not in group:
             error = ValueError(path + " does not contain 'out:" + index + "' dataset.")
-            error.add_note(_keys_near(list(group.keys()), index))
+            _add_note(error, _keys_near(list(group.keys()), index))
             raise error
         member = group[index]
         block = np.empty(member.shape, dtype=np.uint8).reshape(-1)

@@ -254,7 +254,7 @@ class ZelDataSetReader:
         except Exception as exc:
             self.__reset()
             error = NameError("Cannot open " + h5_file_name + ".")
-            error.add_note(_hdf5_open_failure(h5_file_name, read_only, opened, exc))
+            _add_note(error, _hdf5_open_failure(h5_file_name, read_only, opened, exc))
             raise error from None
 
     def load_from_project(self, str project not None, *, read_only=False):

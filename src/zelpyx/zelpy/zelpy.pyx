@@ -92,6 +92,16 @@ cdef inline str _str(const string& text):
     return text.decode("utf-8", "replace")
 
 
+cdef object _add_note(exc, str note):
+    # Exception notes keep a fixed message intact while saying more; before
+    # Python 3.11 they are stored the same way but not printed.
+    try:
+        exc.add_note(note)
+    except AttributeError:
+        exc.__notes__ = getattr(exc, "__notes__", []) + [note]
+    return exc
+
+
 # --------------------------------------------------------------------- areas
 
 include "data.pxi"
