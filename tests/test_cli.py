@@ -179,8 +179,9 @@ def test_every_subcommand_has_help(command):
     (("demo", "x", "--stress", "nan"), "must be positive, got nan"),
     (("demo", "x", "--stress", "inf"), "must be a finite number, got inf"),
 ])
-def test_bad_options_give_one_line_and_status_2(args, fragment):
-    assert_one_line_error(run(*args), 2, fragment)
+def test_bad_options_give_one_line_and_status_2(tmp_path, args, fragment):
+    assert_one_line_error(run(*args, cwd=tmp_path), 2, fragment)
+    assert not os.listdir(tmp_path)
 
 
 @pytest.mark.parametrize("args", [("info",), ("strain",), ("convert", "{tmp}/o.h5"), ("export", "-f", "csv"),
