@@ -11,7 +11,6 @@ a two-worker cluster alone. Each figure is the best of --repeat runs.
 
 import argparse
 import os
-import shutil
 import subprocess
 import sys
 import tempfile

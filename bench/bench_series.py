@@ -24,11 +24,9 @@ import argparse
 import os
 import sys
 import tempfile
-import time
 
 import numpy as np
 
-import zelpy
 from zelpy import series as zseries
 from zelpy.demo import DemoSeries, build_dataset
 

@@ -54,8 +54,10 @@ def _say(message: str) -> None:
 
 
 def _library_messages():
-    """The library's own diagnostics, collected instead of printed (see
-    zelpy.series.library_messages)."""
+    """The library's own explanation of what fails in the block (see
+    zelpy.series.library_messages). While a command runs the library's
+    console output is off (see main): its lines reach the user folded into
+    the command's one-line messages."""
     from zelpy.series import library_messages
     return library_messages()
 
@@ -76,27 +78,13 @@ def _deferred_interrupt():
         raise KeyboardInterrupt
 
 
-_bar_stream = None
-
-
 def _progress(total: int, desc: str, quiet: bool):
     """A progress bar on standard error (shown only on a terminal)."""
-    global _bar_stream
     try:
         from tqdm import tqdm
     except ImportError:
         return _NoBar()
-    if _bar_stream is None:
-        # The bar keeps its own handle on the terminal: while the library's
-        # messages are being collected, descriptor 2 points elsewhere.
-        try:
-            sys.stderr.flush()
-            _bar_stream = os.fdopen(os.dup(2), "w", buffering=1,
-                                    encoding=getattr(sys.stderr, "encoding", None) or "utf-8",
-                                    errors="replace")
-        except (OSError, ValueError, AttributeError):
-            _bar_stream = sys.stderr
-    return tqdm(total=total, desc=desc, unit="dataset", file=_bar_stream,
+    return tqdm(total=total, desc=desc, unit="dataset", file=sys.stderr,
                 disable=True if quiet else None, dynamic_ncols=True)
 
 
@@ -108,8 +96,15 @@ class _NoBar:
         pass
 
 
-def _detail(exc: BaseException, lines: list[str]) -> str:
-    return "; ".join(lines) if lines else str(exc)
+def _detail(exc: BaseException, lines=()) -> str:
+    """Why EXC happened: the library's own lines when it logged any (they say
+    more than the fixed message of the exception), else the exception with
+    its notes."""
+    found = list(dict.fromkeys(lines))
+    if found:
+        return "; ".join(found)
+    notes = getattr(exc, "__notes__", None)
+    return f"{exc} ({'; '.join(notes)})" if notes else str(exc)
 
 
 def _short(name: str) -> str:
@@ -120,15 +115,20 @@ def _short(name: str) -> str:
     return name
 
 
-def open_source(source: str):
-    """A ZelDataSetReader over SOURCE with at least one dataset."""
+def open_source(source: str, writable: bool = False):
+    """A ZelDataSetReader over SOURCE with at least one dataset.
+
+    An HDF5 source is opened for reading only unless the command writes back
+    into it, so a write-protected file or one open in another program can
+    still be listed, exported and plotted.
+    """
     import zelpy
 
     if not os.path.exists(source) and not glob.glob(source):
         raise CliError(f"{source}: no such file or directory")
     try:
         with _library_messages() as lines:
-            reader = zelpy.ZelDataSetReader(source)
+            reader = zelpy.ZelDataSetReader(source, read_only=not writable)
     except Exception as exc:  # the reader's own classes vary by source kind
         raise CliError(f"{source}: {_detail(exc, lines)}") from None
     if not reader.get_dataset_list():
@@ -189,6 +189,9 @@ def cmd_demo(args) -> int:
         if not args.no_plot:
             print("zelpy demo: matplotlib is not installed, so no plot is made "
                   "(pip install \"zelpy[demo]\")", file=sys.stderr)
+    if args.window > args.size:
+        raise CliError(f"window {args.window} is larger than the grid ({args.size}x{args.size} "
+                       "points); use a smaller --window or a larger --size")
     series = demo.DemoSeries(size=args.size, steps=args.steps, seed=args.seed,
                              max_stress=args.stress)
     bar = _progress(series.steps, "demo", args.quiet)
@@ -229,9 +232,15 @@ def cmd_demo(args) -> int:
 
 # -------------------------------------------------------------------- info
 
+def _repeated_note(names: list[str], where: str) -> str:
+    one = len(names) == 1
+    return (f"note: {', '.join(names)} {'occurs' if one else 'occur'} more than once in "
+            f"{where}; the first {'' if one else 'of each '}is used, as by every look-up by name")
+
+
 def cmd_info(args) -> int:
     import numpy as np
-    from zelpy.export import valid_mask
+    from zelpy.export import repeated_variables, valid_mask
 
     reader = open_source(args.source)
     names = reader.get_dataset_list()
@@ -260,15 +269,22 @@ def cmd_info(args) -> int:
     if detail is not None:
         print(f"variables of [{names.index(detail_name)}] {_short(detail_name)}:")
         valid = valid_mask(detail)
-        vars_ = detail.variables()
-        values = detail.get_values(vars_) if vars_ else None
-        width = max((len(v) for v in vars_), default=4)
-        for v, desc, typ in zip(vars_, detail.variables_descriptions(),
+        # A repeated name is listed once, with its first variable: the one
+        # get_values and every other look-up by name reach.
+        listed = {}
+        for v, desc, typ in zip(detail.variables(), detail.variables_descriptions(),
                                 detail.variables_types()):
+            listed.setdefault(v, (desc, typ))
+        values = detail.get_values(list(listed)) if listed else None
+        width = max((len(v) for v in listed), default=4)
+        for v, (desc, typ) in listed.items():
             col = values[v][valid] if valid.any() else values[v]
             lo, hi = (float(np.min(col)), float(np.max(col))) if col.size else (0.0, 0.0)
             print(f"  {v:<{width}}  {typ.name:<19} {desc!r:<28} "
                   f"[{lo:.6g}, {hi:.6g}]")
+        repeated = repeated_variables(detail)
+        if repeated:
+            print("  " + _repeated_note(repeated, "this dataset"))
     return _finish("info", failed, len(names))
 
 
@@ -281,6 +297,20 @@ def _strain_options(args) -> dict:
                 weighted_filter=not args.unweighted,
                 compute_tresca=args.tresca, compute_von_mises=args.von_mises,
                 output_gradient=args.gradient)
+
+
+def _window_problem(ds, window: int) -> str | None:
+    """Why WINDOW makes no sense on the grids of DS, or None.
+
+    The library clips the window at the grid border, so a window wider than
+    every grid quietly fits one plane to a whole AOI instead of smoothing.
+    """
+    grids = [(ds.data(n).num_rows(), ds.data(n).num_columns()) for n in range(ds.num_data())]
+    if grids and window > max(max(grid) for grid in grids):
+        sizes = ", ".join(f"{rows}x{columns}" for rows, columns in grids)
+        return (f"window {window} is larger than the grid ({sizes} points): the smoothing "
+                "would fit one plane to the whole AOI")
+    return None
 
 
 class _StrainJob:
@@ -297,13 +327,36 @@ class _StrainJob:
     def __call__(self, ds):
         import zelpy
 
+        problem = _window_problem(ds, self.options["window_size"])
+        if problem:
+            raise ValueError(problem)
         opts = dict(self.options)
         opts["tensor_type"] = getattr(zelpy.TensorType, opts.pop("tensor"))
-        try:
-            ds.compute_strain(**opts)
-        except Exception as exc:
-            raise RuntimeError(f"strain failed: {exc}") from None
+        with _library_messages() as lines:
+            try:
+                ds.compute_strain(**opts)
+            except Exception as exc:
+                raise RuntimeError(f"strain failed: {_detail(exc, lines)}") from None
         return ds.export_raw() if self.encode else ds
+
+
+def _output_directory(path: str, what: str) -> None:
+    """Make sure PATH is a directory to write into, creating a new one.
+
+    A new name with a suffix (result.txt, run.h6) is more likely a mistyped
+    file name than a wanted directory, so it is refused rather than created.
+    """
+    if os.path.isdir(path):
+        return
+    if os.path.exists(path):
+        raise CliError(f"{path}: {what}")
+    if os.path.splitext(os.path.basename(os.path.normpath(path)))[1]:
+        raise CliError(f"{path}: {what} (a new directory is not made for a name with a "
+                       "suffix; create it first to use this name)")
+    try:
+        os.makedirs(path)
+    except OSError as exc:
+        raise CliError(f"{path}: cannot create the directory: {exc.strerror}") from None
 
 
 def _make_writer(reader, dest: str | None):
@@ -317,9 +370,7 @@ def _make_writer(reader, dest: str | None):
             ds.save(ds.file_name())
         return save
     if not dest.endswith(".h5"):
-        if os.path.exists(dest) and not os.path.isdir(dest):
-            raise CliError(f"{dest}: the destination must be a directory or an .h5 file")
-        os.makedirs(dest, exist_ok=True)
+        _output_directory(dest, "the destination must be a directory or an .h5 file")
     else:
         parent = os.path.dirname(os.path.abspath(dest))
         if not os.path.isdir(parent):
@@ -372,7 +423,7 @@ def _executor(args, total: int):
     return series.open_executor("local", min(jobs, total), keep=False)
 
 
-def _run(args, job_for, names, transfer=None):
+def _outcomes(args, job_for, names, transfer=None):
     """Yields (position, ok, result or message) per dataset as they finish,
     on the executor the options choose. ``job_for(remote)`` makes the
     per-dataset function."""
@@ -389,10 +440,18 @@ def _run(args, job_for, names, transfer=None):
 def cmd_strain(args) -> int:
     import zelpy
 
-    reader = open_source(args.source)
+    reader = open_source(args.source, writable=args.output is None)
     names = list(reader.get_dataset_list())
-    save = _make_writer(reader, args.output)
     options = _strain_options(args)
+    # A window that does not fit the grid is a mistake on the command line:
+    # say so before anything is written (each dataset is checked again).
+    try:
+        problem = _window_problem(load_dataset(reader, names[0]), args.window)
+    except DatasetError:
+        problem = None   # reported with the others in the loop
+    if problem:
+        raise CliError(problem)
+    save = _make_writer(reader, args.output)
     total = len(names)
     # Writing back into the HDF5 file the workers read from would make them
     # race for the file; then this process reads and sends the bytes.
@@ -400,8 +459,8 @@ def cmd_strain(args) -> int:
     failed = done = 0
     bar = _progress(total, "strain", args.quiet)
     try:
-        for position, ok, result in _run(args, lambda remote: _StrainJob(options, remote),
-                                         names, transfer):
+        for position, ok, result in _outcomes(args, lambda remote: _StrainJob(options, remote),
+                                             names, transfer):
             name = names[position]
             try:
                 if not ok:
@@ -455,7 +514,8 @@ def cmd_convert(args) -> int:
 def _selected(reader, indices) -> list[str]:
     if not indices:
         return list(reader.get_dataset_list())
-    return [_pick(reader, i) for i in indices]
+    # -d 2 -d -1 on three datasets names one of them twice: written once.
+    return list(dict.fromkeys(_pick(reader, i) for i in indices))
 
 
 class _ExportJob:
@@ -485,24 +545,31 @@ def cmd_export(args) -> int:
     reader = open_source(args.source)
     names = _selected(reader, args.dataset)
     outdir = args.output or _source_dir(reader, args.source)
-    variables = args.variables
+    variables = list(dict.fromkeys(args.variables)) if args.variables else None
     first = _first_dataset(reader, names)
-    have = first.variables() if first is not None else None
-    if have is not None:
+    if first is not None:
+        have = first.variables()
+        repeated = export.repeated_variables(first)
+        if repeated and (variables is None or set(repeated) & set(variables)):
+            # Said once: a series computed this way repeats them everywhere.
+            shown = [v for v in repeated if variables is None or v in variables]
+            _say(f"zelpy export: {_repeated_note(shown, _short(first.file_name()))} "
+                 "(noted for the first dataset only)")
         if variables is None:
-            variables = have
+            variables = list(dict.fromkeys(have))
         # A misspelt variable is a mistake on the command line, not a
         # problem of one dataset: stop before anything is written.
-        missing = [v for v in variables if v not in have]
-        if missing:
-            raise CliError(f"unknown variable '{missing[0]}' (available: {', '.join(have)})")
-    os.makedirs(outdir, exist_ok=True)
+        try:
+            export.check_variables(first, variables)
+        except KeyError as exc:
+            raise CliError(exc.args[0]) from None
+    _output_directory(outdir, "the output must be a directory")
     ext = "." + args.format
     written, failed = {}, 0
     bar = _progress(len(names), "export", args.quiet)
     try:
         job = _ExportJob(args.format, variables or [], args.all_points)
-        for position, ok, result in _run(args, lambda remote: job, names):
+        for position, ok, result in _outcomes(args, lambda remote: job, names):
             name = names[position]
             path = os.path.join(outdir, os.path.basename(
                 zelpy.change_file_extension(name, ext)))
@@ -513,7 +580,7 @@ def cmd_export(args) -> int:
                     try:
                         export.write_bytes(path, result)
                     except OSError as exc:
-                        raise DatasetError(f"{name}: cannot be written: {exc}") from None
+                        raise DatasetError(f"{name}: {exc}") from None
                 written[position] = path
             except DatasetError as exc:
                 _say(f"zelpy export: {exc}")
@@ -598,6 +665,10 @@ def cmd_series(args) -> int:
             import matplotlib  # noqa: F401
         except ImportError:
             raise CliError("--plot needs matplotlib: pip install \"zelpy[demo]\"") from None
+        try:
+            export.plot_format(args.plot)
+        except ValueError as exc:
+            raise CliError(str(exc)) from None
     reader = open_source(args.source)
     try:
         stats = zseries._check_stats(args.stats.split(","))
@@ -648,7 +719,7 @@ def cmd_series(args) -> int:
     interrupted = False
     bar = _progress(len(names), "series", args.quiet)
     try:
-        for position, ok, value in _run(args, lambda remote: zseries._Together(parts), names):
+        for position, ok, value in _outcomes(args, lambda remote: zseries._Together(parts), names):
             if ok:
                 results[position] = [np.asarray(r, float).ravel() for r in value]
             else:
@@ -768,6 +839,14 @@ def cmd_plot(args) -> int:
         import matplotlib  # noqa: F401
     except ImportError:
         raise CliError("plotting needs matplotlib: pip install \"zelpy[demo]\"") from None
+    directory = None
+    if args.output is not None and os.path.isdir(args.output):
+        directory, args.output = args.output, None
+    elif args.output is not None:
+        try:
+            export.plot_format(args.output)
+        except ValueError as exc:
+            raise CliError(str(exc)) from None
     reader = open_source(args.source)
     name = _pick(reader, args.dataset)
     try:
@@ -778,6 +857,8 @@ def cmd_plot(args) -> int:
         export.check_variables(ds, [args.variable])
     except KeyError as exc:
         raise CliError(exc.args[0]) from None
+    if args.variable in export.repeated_variables(ds):
+        _say(f"zelpy plot: {_repeated_note([args.variable], _short(name))}")
     image = None
     if args.overlay:
         if not os.path.isfile(args.overlay):
@@ -794,7 +875,7 @@ def cmd_plot(args) -> int:
             name.split(":out:")[0]))[0]
         if ":out:" in name:
             stem += "-" + name.split(":out:")[1]
-        out = f"{stem}_{args.variable}.png"
+        out = os.path.join(directory or "", f"{stem}_{args.variable}.png")
     try:
         with _library_messages() as lines:
             export.plot_variable(ds, args.variable, out, size=args.size,
@@ -858,13 +939,22 @@ def _window(text: str) -> int:
     return value
 
 
-def _fps(text: str) -> float:
+def _positive_float(text: str) -> float:
     try:
         value = float(text)
     except ValueError:
         raise argparse.ArgumentTypeError(f"invalid number: '{text}'")
     if not value > 0:
         raise argparse.ArgumentTypeError(f"must be positive, got {text}")
+    return value
+
+
+def _stress(text: str) -> float:
+    value = _positive_float(text)
+    # The summary compares with the closed form at the remote stress: an
+    # unloaded or unbounded plate has nothing to compare.
+    if not math.isfinite(value):
+        raise argparse.ArgumentTypeError(f"must be a finite number, got {text}")
     return value
 
 
@@ -919,7 +1009,7 @@ def build_parser() -> argparse.ArgumentParser:
                    help="grid points per side (default 201)")
     p.add_argument("--window", type=_window, default=15,
                    help="strain smoothing window (default 15)")
-    p.add_argument("--stress", type=float, default=100.0,
+    p.add_argument("--stress", type=_stress, default=100.0,
                    help="remote stress of the last dataset in MPa (default 100)")
     p.add_argument("--seed", type=int, default=1, help="seed of the measurement noise")
     p.add_argument("--no-plot", action="store_true", help="skip the PNG")
@@ -1031,8 +1121,10 @@ def build_parser() -> argparse.ArgumentParser:
                                    "one dataset, with a colour bar in the variable's unit.")
     p.add_argument("source", metavar="SOURCE", help=SOURCE_HELP)
     p.add_argument("-v", "--variable", required=True, metavar="VAR")
-    p.add_argument("-o", "--output", metavar="FILE.png",
-                   help="PNG to write (default: ./<dataset>_<VAR>.png)")
+    p.add_argument("-o", "--output", metavar="FILE",
+                   help="image to write, in the format its suffix names (.png, .pdf, "
+                        ".svg, .eps, .jpg, .tif, .webp); a directory takes the default "
+                        "name (default: ./<dataset>_<VAR>.png)")
     p.add_argument("-d", "--dataset", type=int, default=-1, metavar="INDEX",
                    help="dataset to plot (default -1, the last)")
     p.add_argument("--size", type=_size, default=(1000, 800), metavar="WxH",
@@ -1050,7 +1142,7 @@ def build_parser() -> argparse.ArgumentParser:
     p.add_argument("source", metavar="SOURCE", help=SOURCE_HELP)
     p.add_argument("--port", type=_port, default=20020, help="TCP port (default 20020; 0 picks one)")
     p.add_argument("--host", default="127.0.0.1", help="address to listen on (default 127.0.0.1)")
-    p.add_argument("--fps", type=_fps, default=None,
+    p.add_argument("--fps", type=_positive_float, default=None,
                    help="datasets per second (default: as fast as the client reads)")
     p.add_argument("--loop", action="store_true", help="start over after the last dataset")
     p.set_defaults(func=cmd_serve)
@@ -1067,6 +1159,20 @@ def _version() -> str:
 
 def main(argv=None) -> int:
     args = build_parser().parse_args(argv)
+    import zelpy
+
+    # Every problem is reported as one line of the command's own, with the
+    # library's explanation folded in (see _library_messages); its console
+    # lines would only repeat that.
+    severity = zelpy.log_severity()
+    zelpy.set_log_severity(0)
+    try:
+        return _run(args)
+    finally:
+        zelpy.set_log_severity(severity)
+
+
+def _run(args) -> int:
     try:
         return args.func(args)
     except CliError as exc:

@@ -25,7 +25,6 @@ import math
 import os
 import re
 import sys
-import tempfile
 import threading
 import uuid
 import warnings
@@ -116,39 +115,45 @@ def _pandas():
 
 # ------------------------------------------------- library diagnostics
 
+class _LibraryLines:
+    """The error lines the library logged on this thread since creation.
+
+    Read when used, so a handler inside the block already sees the line that
+    explains the failure it handles.
+    """
+
+    def __init__(self):
+        from zelpyx.zelpy import zelpy as core
+        self._mark = core.log_error_count()
+
+    def _lines(self) -> list[str]:
+        from zelpyx.zelpy import zelpy as core
+        return [line.strip() for line in core.log_errors_since(self._mark) if line.strip()]
+
+    def __iter__(self):
+        return iter(self._lines())
+
+    def __len__(self):
+        return len(self._lines())
+
+    def __getitem__(self, index):
+        return self._lines()[index]
+
+
 @contextlib.contextmanager
 def library_messages():
-    """Collect what the compiled library writes to standard error.
-
-    The library logs its own diagnostics (a decoder complaint, for example)
-    straight to file descriptor 2; they are folded into one failure message
-    instead of interleaving with progress bars and output.
-    """
-    lines: list[str] = []
-    try:
-        sys.stderr.flush()
-        saved = os.dup(2)
-    except (OSError, ValueError, AttributeError):
-        yield lines
-        return
-    with tempfile.TemporaryFile() as sink:
-        os.dup2(sink.fileno(), 2)
-        try:
-            yield lines
-        finally:
-            try:
-                sys.stderr.flush()
-            except (OSError, ValueError):
-                pass
-            os.dup2(saved, 2)
-            os.close(saved)
-            sink.seek(0)
-            text = sink.read().decode("utf-8", "replace")
-            lines.extend(line.strip() for line in text.splitlines() if line.strip())
+    """The library's own explanation of what fails in the block: its error
+    lines, kept per thread whatever the log severity, so a failure message
+    can carry them (on a worker thread too, without touching standard
+    error)."""
+    yield _LibraryLines()
 
 
-def _detail(exc: BaseException, lines: list[str]) -> str:
-    return "; ".join(lines) if lines else str(exc)
+def _detail(exc: BaseException, lines=()) -> str:
+    """The library's lines when it logged any (they say more than the fixed
+    message of the exception), else the exception."""
+    found = list(dict.fromkeys(lines))
+    return "; ".join(found) if found else str(exc)
 
 
 # ------------------------------------------------------------ one dataset
@@ -186,7 +191,7 @@ def _on_worker() -> str | None:
         return None
 
 
-def _apply(fn, position: int, name: str, payload, capture: bool):
+def _apply(fn, position: int, name: str, payload):
     """Load one dataset and run ``fn`` on it: (position, ok, result or message).
 
     Every failure becomes a message naming the dataset, so one bad file never
@@ -194,14 +199,15 @@ def _apply(fn, position: int, name: str, payload, capture: bool):
     """
     stage = "read"
     try:
-        with (library_messages() if capture else contextlib.nullcontext([])) as lines:
+        with library_messages() as lines:
             ds = load(name, payload)
             stage = "run"
             return position, True, fn(ds)
     except Exception as exc:
         if stage == "run":
-            extra = f" ({'; '.join(lines)})" if lines else ""
-            return position, False, f"{name}: {exc}{extra}"
+            text = str(exc)
+            extra = [line for line in dict.fromkeys(lines) if line not in text]
+            return position, False, f"{name}: {text}" + (f" ({'; '.join(extra)})" if extra else "")
         where = _on_worker()
         if payload is None and where and not os.path.exists(name.split(":out:")[0]):
             return position, False, (
@@ -247,7 +253,9 @@ def _children_ignore_sigint():
 def _share_cores(threads: int):
     """A worker plugin: the library's threaded analyses (strain, smoothing)
     use this worker's share of the cores rather than all of them, so that
-    one worker per core does not start a thread per core each."""
+    one worker per core does not start a thread per core each; and the
+    library's console lines stay off, since they come back folded into each
+    dataset's failure message."""
     from distributed.diagnostics.plugin import WorkerPlugin
 
     class ShareCores(WorkerPlugin):
@@ -256,6 +264,7 @@ def _share_cores(threads: int):
         def setup(self, worker):
             from zelpyx.zelpy import zelpy as core
             core._set_analysis_workers(threads)
+            core.set_log_severity(0)
 
     return ShareCores()
 
@@ -379,9 +388,9 @@ def _outcomes(fn, items, client, transfer: str, tick=None):
                 except Exception as exc:
                     yield position, False, f"{name}: cannot be read: {exc}"
                     continue
-                outcome = _apply(fn, position, name, payload, True)
+                outcome = _apply(fn, position, name, payload)
             else:
-                outcome = _apply(fn, position, name, None, True)
+                outcome = _apply(fn, position, name, None)
             if tick:
                 tick()
             yield outcome
@@ -415,7 +424,7 @@ def _outcomes(fn, items, client, transfer: str, tick=None):
                 payload = client.scatter(_read_bytes(name), hash=False)
             except Exception as exc:
                 return position, False, f"{name}: cannot be read: {exc}"
-        future = client.submit(_apply, shared, position, name, payload, True,
+        future = client.submit(_apply, shared, position, name, payload,
                                key=f"zelpy-{tag}-{position}", pure=False)
         running[future.key] = (future, position, name, payload)
         completed.add(future)
@@ -785,7 +794,9 @@ class Series:
         if isinstance(source, zelpy.ZelDataSetReader):
             reader = source
         else:
-            reader = zelpy.ZelDataSetReader(source)
+            # Nothing here writes: an HDF5 file open in a viewer, or
+            # write-protected, is still read.
+            reader = zelpy.ZelDataSetReader(source, read_only=True)
         self.reader = reader
         self.names = list(reader.get_dataset_list())
         numbers = [dataset_number(n) for n in self.names]

@@ -1,7 +1,7 @@
 # Declarations of the nimbra C++ API used by the zelpy module; the one place
 # where the module learns about the library.
 
-from libc.stdint cimport int32_t, int64_t, uint8_t, uint32_t
+from libc.stdint cimport int32_t, int64_t, uint8_t, uint32_t, uint64_t
 from libcpp cimport bool
 from libcpp.string cimport string
 from libcpp.vector cimport vector
@@ -23,6 +23,8 @@ cdef extern from "nimbra/log/Log.h" namespace "nimbra::log" nogil:
     bool log_exists "nimbra::log::exists"() nogil
     void log_set_max_severity "nimbra::log::setMaxSeverity"(Severity) nogil
     Severity log_max_severity "nimbra::log::maxSeverity"() nogil
+    uint64_t log_thread_error_count "nimbra::log::threadErrorCount"() nogil
+    vector[string] log_thread_errors_since "nimbra::log::threadErrorsSince"(uint64_t) nogil
 
 
 # ---------------------------------------------------------------- data core
