@@ -11,10 +11,14 @@ with the client) and serves data files from memory. Figures:
    data, so no decoding is involved); equal figures mean receiving costs
    O(message size). The same for a plain socket and for a listener that
    concatenates and slices a bytes object, for contrast.
-3. The cost of the listener's polling loop: how much a connected but idle
-   client slows CPU-bound numpy work on the main thread.
+3. The cost of an idle connected client to CPU-bound work on the main
+   thread (pure Python, short and long numpy calls), against the same work
+   with no client, run interleaved: the client with its default polling wait
+   and with idle_wait=False, and for contrast the polling loop written in
+   Python (select on reading and writing, no timeout), which holds the
+   interpreter lock while it polls.
 
-Usage: python bench/bench_rt.py [--quick]
+Usage: python bench/bench_rt.py [--quick] [--idle-only]
 """
 
 import argparse
@@ -303,44 +307,106 @@ def linearity(tmp, repeats):
           "(fresh memory for every large str)" % (1e3 * small, 1e3 * large))
 
 
-def numpy_work(kind):
-    if kind == "small arrays":
-        # Many short numpy calls: the main thread holds the GIL almost all the time.
-        a = np.linspace(0.0, 1.0, 64)
-        t0 = time.perf_counter()
-        for _ in range(600000):
-            a = np.sin(a) * 0.5 + 0.25
-        return time.perf_counter() - t0
-    # Few long calls that release the GIL inside numpy.
-    a = np.linspace(0.0, 1.0, 4_000_000)
+WORKLOADS = ("pure Python", "small numpy arrays", "large numpy arrays")
+
+
+def main_thread_work(kind):
+    """About a second of CPU-bound work on the calling thread; its seconds."""
     t0 = time.perf_counter()
-    for _ in range(40):
-        a = np.sin(a) * 0.5 + 0.25
+    if kind == "pure Python":
+        # Holds the interpreter lock all the time: the case a listener that
+        # also wants the lock hurts most.
+        total = 0
+        for i in range(6_000_000):
+            total += i * i % 7
+    elif kind == "small numpy arrays":
+        # Many short numpy calls: the lock is held almost all the time.
+        a = np.linspace(0.0, 1.0, 64)
+        for _ in range(300000):
+            a = np.sin(a) * 0.5 + 0.25
+    else:
+        # Few long calls that release the lock inside numpy.
+        a = np.linspace(0.0, 1.0, 4_000_000)
+        for _ in range(25):
+            a = np.sin(a) * 0.5 + 0.25
     return time.perf_counter() - t0
 
 
+class PythonPollingListener:
+    """The protocol's client loop written in Python: select on reading and
+    writing without a timeout, holding the interpreter lock while it polls.
+    This is how the listener waited before it moved its wait out of the lock."""
+
+    def __init__(self, port):
+        import select
+        self.sock = socket.create_connection(("127.0.0.1", port))
+        self.sock.setblocking(False)
+        self.running = True
+
+        def loop():
+            while self.running:
+                readable, _, _ = select.select([self.sock], [self.sock], [])
+                if readable:
+                    try:
+                        if not self.sock.recv(1000000):
+                            return
+                    except BlockingIOError:
+                        pass
+
+        self.thread = threading.Thread(target=loop, daemon=True)
+        self.thread.start()
+
+    def close(self):
+        self.running = False
+        self.thread.join()
+        self.sock.close()
+
+
+CONTENDERS = {
+    "no client": None,
+    "Python select loop": PythonPollingListener,
+    "RTClient()": lambda port: connected(RTClient("127.0.0.1", port)),
+    "RTClient(idle_wait=False)": lambda port: connected(RTClient("127.0.0.1", port, idle_wait=False)),
+}
+
+
+def connected(client):
+    client.connect()
+    client.close = client.disconnect
+    return client
+
+
 def idle_cost(tmp, repeats):
+    """Slowdown of main-thread work by a connected client that receives
+    nothing, against the same work with no client, runs interleaved."""
     listener = socket.socket()
     listener.bind(("127.0.0.1", 0))
-    listener.listen(1)
+    listener.listen(4)
     port = listener.getsockname()[1]
     try:
-        for kind in ("small arrays", "large arrays"):
-            alone = min(numpy_work(kind) for _ in range(repeats))
-            client = RTClient("127.0.0.1", port)
-            client.connect()
-            conn, _ = listener.accept()
-            try:
-                with_client = min(numpy_work(kind) for _ in range(repeats))
-                c0 = time.process_time()
-                time.sleep(1.0)
-                idle_cpu = time.process_time() - c0
-            finally:
-                client.disconnect()
-                conn.close()
-            print("numpy on the main thread (%s): alone %.3f s, with an idle connected client "
-                  "%.3f s, slowdown x%.2f; the idle listener alone uses %.0f%% of a core"
-                  % (kind, alone, with_client, with_client / alone, 100 * idle_cpu))
+        for kind in WORKLOADS:
+            times = {name: [] for name in CONTENDERS}
+            cpu = {name: 0.0 for name in CONTENDERS}
+            for _ in range(repeats):
+                for name, make in CONTENDERS.items():
+                    contender = make(port) if make else None
+                    conn = listener.accept()[0] if make else None
+                    try:
+                        times[name].append(main_thread_work(kind))
+                        c0 = time.process_time()
+                        time.sleep(0.2)
+                        cpu[name] += (time.process_time() - c0) / 0.2 / repeats
+                    finally:
+                        if contender is not None:
+                            contender.close()
+                            conn.close()
+            alone = min(times["no client"])
+            print("main thread, %s: alone %.3f s (best of %d)" % (kind, alone, repeats))
+            for name in list(CONTENDERS)[1:]:
+                ratios = sorted(t / alone for t in times[name])
+                print("  with an idle %-26s slowdown x%.3f best, x%.3f median, x%.3f worst; "
+                      "idle process CPU %3.0f%% of a core"
+                      % (name, ratios[0], ratios[len(ratios) // 2], ratios[-1], 100 * cpu[name]))
     finally:
         listener.close()
 
@@ -348,10 +414,15 @@ def idle_cost(tmp, repeats):
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--quick", action="store_true", help="fewer and smaller runs")
+    parser.add_argument("--idle-only", action="store_true",
+                        help="only the cost of an idle client to the main thread")
     args = parser.parse_args()
     repeats = 1 if args.quick else 2
     print("zelpy %s, python %s, %d CPUs" % (zelpy.__version__, sys.version.split()[0],
                                             os.cpu_count()))
+    if args.idle_only:
+        idle_cost(None, 5)
+        return
     with tempfile.TemporaryDirectory() as tmp:
         if args.quick:
             throughput(tmp, 1, 100, repeats)
@@ -360,7 +431,7 @@ def main():
             throughput(tmp, 1, 1000, repeats)
             throughput(tmp, 50, 50, repeats)
         linearity(tmp, repeats)
-        idle_cost(tmp, 3)
+        idle_cost(tmp, 5)
 
 
 if __name__ == "__main__":
