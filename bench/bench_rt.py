@@ -310,26 +310,46 @@ def linearity(tmp, repeats):
 WORKLOADS = ("pure Python", "small numpy arrays", "large numpy arrays")
 
 
+def waits_of_this_thread():
+    """How often this thread has blocked so far (Linux; None elsewhere). A
+    thread that computes without I/O blocks only when it has to hand the
+    interpreter lock to another thread and wait to get it back."""
+    try:
+        with open("/proc/thread-self/status") as status:
+            for line in status:
+                if line.startswith("voluntary_ctxt_switches:"):
+                    return int(line.split()[1])
+    except OSError:
+        pass
+    return None
+
+
 def main_thread_work(kind):
-    """About a second of CPU-bound work on the calling thread; its seconds."""
+    """About a third of a second of CPU-bound work on the calling thread:
+    its seconds and how often it had to wait for the interpreter lock.
+    Short runs, many of them: the best of many is what a quiet moment of a
+    shared machine gives."""
+    w0 = waits_of_this_thread()
     t0 = time.perf_counter()
     if kind == "pure Python":
         # Holds the interpreter lock all the time: the case a listener that
         # also wants the lock hurts most.
         total = 0
-        for i in range(6_000_000):
+        for i in range(2_000_000):
             total += i * i % 7
     elif kind == "small numpy arrays":
         # Many short numpy calls: the lock is held almost all the time.
         a = np.linspace(0.0, 1.0, 64)
-        for _ in range(300000):
+        for _ in range(100000):
             a = np.sin(a) * 0.5 + 0.25
     else:
         # Few long calls that release the lock inside numpy.
         a = np.linspace(0.0, 1.0, 4_000_000)
-        for _ in range(25):
+        for _ in range(8):
             a = np.sin(a) * 0.5 + 0.25
-    return time.perf_counter() - t0
+    elapsed = time.perf_counter() - t0
+    w1 = waits_of_this_thread()
+    return elapsed, (None if w0 is None else (w1 - w0) / elapsed)
 
 
 class PythonPollingListener:
@@ -386,13 +406,16 @@ def idle_cost(tmp, repeats):
     try:
         for kind in WORKLOADS:
             times = {name: [] for name in CONTENDERS}
+            waits = {name: [] for name in CONTENDERS}
             cpu = {name: 0.0 for name in CONTENDERS}
             for _ in range(repeats):
                 for name, make in CONTENDERS.items():
                     contender = make(port) if make else None
                     conn = listener.accept()[0] if make else None
                     try:
-                        times[name].append(main_thread_work(kind))
+                        elapsed, rate = main_thread_work(kind)
+                        times[name].append(elapsed)
+                        waits[name].append(rate)
                         c0 = time.process_time()
                         time.sleep(0.2)
                         cpu[name] += (time.process_time() - c0) / 0.2 / repeats
@@ -400,15 +423,26 @@ def idle_cost(tmp, repeats):
                         if contender is not None:
                             contender.close()
                             conn.close()
-            alone = min(times["no client"])
-            print("main thread, %s: alone %.3f s (best of %d)" % (kind, alone, repeats))
+            alone = times["no client"]
+            print("main thread, %s: alone %.3f s (best of %d), waits for the lock %s/s"
+                  % (kind, min(alone), repeats, median_text(waits["no client"])))
             for name in list(CONTENDERS)[1:]:
-                ratios = sorted(t / alone for t in times[name])
-                print("  with an idle %-26s slowdown x%.3f best, x%.3f median, x%.3f worst; "
-                      "idle process CPU %3.0f%% of a core"
-                      % (name, ratios[0], ratios[len(ratios) // 2], ratios[-1], 100 * cpu[name]))
+                # Each run against the run without a client just before it:
+                # both saw about the same load from the rest of the machine.
+                pairs = sorted(t / a for t, a in zip(times[name], alone))
+                print("  with an idle %-26s slowdown x%.3f best of each, runs in pairs x%.3f "
+                      "median (x%.3f-x%.3f); main thread waits for the lock %s/s; "
+                      "process CPU when idle %3.0f%% of a core"
+                      % (name, min(times[name]) / min(alone), pairs[len(pairs) // 2], pairs[0],
+                         pairs[-1], median_text(waits[name]), 100 * cpu[name]))
     finally:
         listener.close()
+
+
+def median_text(values):
+    if any(v is None for v in values):
+        return "?"
+    return "%.0f" % sorted(values)[len(values) // 2]
 
 
 def main():
@@ -418,10 +452,10 @@ def main():
                         help="only the cost of an idle client to the main thread")
     args = parser.parse_args()
     repeats = 1 if args.quick else 2
-    print("zelpy %s, python %s, %d CPUs" % (zelpy.__version__, sys.version.split()[0],
-                                            os.cpu_count()))
+    print("zelpy %s, python %s, %d CPUs, load average %.2f" % (
+        zelpy.__version__, sys.version.split()[0], os.cpu_count(), os.getloadavg()[0]))
     if args.idle_only:
-        idle_cost(None, 5)
+        idle_cost(None, 11)
         return
     with tempfile.TemporaryDirectory() as tmp:
         if args.quick:
@@ -431,7 +465,7 @@ def main():
             throughput(tmp, 1, 1000, repeats)
             throughput(tmp, 50, 50, repeats)
         linearity(tmp, repeats)
-        idle_cost(tmp, 5)
+        idle_cost(tmp, 11)
 
 
 if __name__ == "__main__":
