@@ -126,7 +126,8 @@ class ProjectFile:
 
     def load(self, str source not None):
         """Read the project archive ``source``; a failure leaves the object
-        empty."""
+        empty. A "project.xml" that declares or expands to more than 256 MiB
+        is refused like any unreadable archive."""
         self.reset()
         if not source.endswith(_PROJECT_EXTENSION):
             raise ValueError(source + " is not a valid Zel3D project file.")
@@ -369,7 +370,8 @@ class ProjectFile:
     def get_analog_data_csv(self):
         """The analog-data CSV of the project as a dict: "header" holds the
         field names, and each field name the list of that column's values (as
-        text), in row order."""
+        text), in row order. A CSV of more than 1 GiB (as declared in the
+        archive or as read) is refused with "Could not process …"."""
         self.__check_root()
         if self.project_file is None:
             raise AttributeError("Project file is not initialized")
