@@ -197,7 +197,7 @@ def _apply(fn, position: int, name: str, payload):
     Every failure becomes a message naming the dataset, so one bad file never
     stops the others and the report says which file it was.
     """
-    stage = "read"
+    stage, lines = "read", ()
     try:
         with library_messages() as lines:
             ds = load(name, payload)
