@@ -96,7 +96,7 @@ struct Frame {
     double b0, b1, b2;          // b in parameter space: xx, xy, yy
 };
 
-inline Frame tangentFrame(const double (&px)[3], const double (&py)[3], const double (&pxx)[3],
+inline __attribute__((always_inline)) Frame tangentFrame(const double (&px)[3], const double (&py)[3], const double (&pxx)[3],
                           const double (&pxy)[3], const double (&pyy)[3], double& ok) {
     const double n0 = px[1] * py[2] - px[2] * py[1];
     const double n1 = px[2] * py[0] - px[0] * py[2];
@@ -123,7 +123,7 @@ inline Frame tangentFrame(const double (&px)[3], const double (&py)[3], const do
 }
 
 // M^-T b M^-1 for the symmetric b = [[b0, b1], [b1, b2]]: (k00, k11, k01).
-inline void toFrame(const Frame& f, double b0, double b1, double b2, double& k00, double& k11,
+inline __attribute__((always_inline)) void toFrame(const Frame& f, double b0, double b1, double b2, double& k00, double& k11,
                     double& k01) {
     k00 = f.q00 * f.q00 * b0 + 2.0 * f.q00 * f.q10 * b1 + f.q10 * f.q10 * b2;
     k11 = f.q01 * f.q01 * b0 + 2.0 * f.q01 * f.q11 * b1 + f.q11 * f.q11 * b2;
@@ -131,7 +131,7 @@ inline void toFrame(const Frame& f, double b0, double b1, double b2, double& k00
 }
 
 // Principal values of the symmetric (k00, k11, k01), larger first.
-inline void principalValues(double k00, double k11, double k01, double& first, double& second) {
+inline __attribute__((always_inline)) void principalValues(double k00, double k11, double k01, double& first, double& second) {
     const double m = 0.5 * (k00 + k11), d = 0.5 * (k00 - k11);
     const double r = std::sqrt(d * d + k01 * k01);
     first = m + r;
@@ -265,24 +265,68 @@ private:
         rowPassOf<3>(in, out);
     }
 
-    // out[b][q] = sum over the window rows i of e(y_i) y_i^b times the ring
-    // row's array at `offset` + q, for b < B (y the scaled row offset).
-    // Accumulates in locals so that the sums stay in vector registers.
-    template <int B>
+    // Column sums of several ring arrays in one walk over the window rows:
+    // for array a (at `offset` + a * stride) and b < Terms - a,
+    //   out[k][q] = sum_i e(y_i) y_i^b row_i[a][q],
+    // packed by a then b (y the scaled row offset). The sums stay in
+    // locals, so in vector registers.
+    template <int Arrays, int Terms>
     inline __attribute__((always_inline)) void columnSums(int taps, size_t offset, int base,
                                                           double (*out)[kBlock]) const {
-        double acc[B][kBlock] = {};
+        constexpr int kSums = Arrays * Terms - Arrays * (Arrays - 1) / 2;
+        const size_t stride = static_cast<size_t>(paddedWidth_);
+        double acc[kSums][kBlock] = {};
         for (int i = 0; i < taps; ++i) {
             const double* v = rowPointers_[static_cast<size_t>(i)] + offset;
+            double f[Terms];
 #pragma GCC unroll 8
-            for (int b = 0; b < B; ++b) {
-                const double f = moment_[b][static_cast<size_t>(base + i)];
+            for (int b = 0; b < Terms; ++b) f[b] = moment_[b][static_cast<size_t>(base + i)];
+            int k = 0;
 #pragma GCC unroll 8
-                for (int q = 0; q < kBlock; ++q) acc[b][q] += f * v[q];
+            for (int a = 0; a < Arrays; ++a) {
+                const double* va = v + a * stride;
+#pragma GCC unroll 8
+                for (int b = 0; b < Terms - a; ++b, ++k)
+#pragma GCC unroll 8
+                    for (int q = 0; q < kBlock; ++q) acc[k][q] += f[b] * va[q];
             }
         }
-        for (int b = 0; b < B; ++b)
-            for (int q = 0; q < kBlock; ++q) out[b][q] = acc[b][q];
+        for (int k = 0; k < kSums; ++k)
+            for (int q = 0; q < kBlock; ++q) out[k][q] = acc[k][q];
+    }
+
+    // The six fit-term sums of one channel: t[term][ch] for the terms 1, x,
+    // y, x^2, xy, y^2, from the ring arrays sum e(x) x^a m v (a = 0, 1, 2).
+    inline __attribute__((always_inline)) void channelSums(int taps, size_t offset, int base,
+                                                           double (&t)[kTerms][kChannels][kBlock],
+                                                           int ch) const {
+        const size_t stride = static_cast<size_t>(paddedWidth_);
+        double s0[kBlock] = {}, s1[kBlock] = {}, s2[kBlock] = {};
+        double s3[kBlock] = {}, s4[kBlock] = {}, s5[kBlock] = {};
+        const double* f0 = moment_[0].data() + base;
+        const double* f1 = moment_[1].data() + base;
+        const double* f2 = moment_[2].data() + base;
+        for (int i = 0; i < taps; ++i) {
+            const double* v = rowPointers_[static_cast<size_t>(i)] + offset;
+            const double e0 = f0[i], e1 = f1[i], e2 = f2[i];
+            for (int q = 0; q < kBlock; ++q) {
+                const double v0 = v[q], v1 = v[stride + q], v2 = v[2 * stride + q];
+                s0[q] += e0 * v0;  // 1
+                s1[q] += e0 * v1;  // x
+                s2[q] += e1 * v0;  // y
+                s3[q] += e0 * v2;  // x^2
+                s4[q] += e1 * v1;  // xy
+                s5[q] += e2 * v0;  // y^2
+            }
+        }
+        for (int q = 0; q < kBlock; ++q) {
+            t[0][ch][q] = s0[q];
+            t[1][ch][q] = s1[q];
+            t[2][ch][q] = s2[q];
+            t[3][ch][q] = s3[q];
+            t[4][ch][q] = s4[q];
+            t[5][ch][q] = s5[q];
+        }
     }
 
     NIMBRA_VECTOR_CLONES void fitRow(int r, int top, int bottom) {
@@ -312,11 +356,8 @@ private:
             // Mask moments s[a][b] = sum w x^a y^b m, a + b <= 4, packed by
             // a then b; plus the plain count and the rows that hold points.
             double s[15][kBlock];
-            columnSums<5>(taps, c, base, s + 0);
-            columnSums<4>(taps, c + stride, base, s + 5);
-            columnSums<3>(taps, c + 2 * stride, base, s + 9);
-            columnSums<2>(taps, c + 3 * stride, base, s + 12);
-            columnSums<1>(taps, c + 4 * stride, base, s + 14);
+            columnSums<2, 5>(taps, c, base, s + 0);               // a = 0, 1
+            columnSums<3, 3>(taps, c + 2 * stride, base, s + 9);  // a = 2, 3, 4
             double count[kBlock] = {}, rows[kBlock] = {};
             for (int i = 0; i < taps; ++i) {
                 const double* rc = rowPointers_[static_cast<size_t>(i)] + c + 5 * stride;
@@ -331,18 +372,7 @@ private:
             for (int k = 0; k < channels; ++k) {
                 const size_t offset = (6 + 3 * static_cast<size_t>(k)) * stride + c;
                 const int ch = active_[static_cast<size_t>(k)];
-                double a0[3][kBlock], a1[2][kBlock], a2[1][kBlock];
-                columnSums<3>(taps, offset, base, a0);
-                columnSums<2>(taps, offset + stride, base, a1);
-                columnSums<1>(taps, offset + 2 * stride, base, a2);
-                for (int q = 0; q < kBlock; ++q) {
-                    t[0][ch][q] = a0[0][q];
-                    t[1][ch][q] = a1[0][q];
-                    t[2][ch][q] = a0[1][q];
-                    t[3][ch][q] = a2[0][q];
-                    t[4][ch][q] = a1[1][q];
-                    t[5][ch][q] = a0[2][q];
-                }
+                channelSums(taps, offset, base, t, ch);
             }
             // Points with too few valid neighbours, and invalid points, get 0.
             double good[kBlock];
