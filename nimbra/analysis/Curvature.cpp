@@ -23,7 +23,7 @@ namespace {
 // Columns per block of the vectorised loops, and per strip (see QuadricFit).
 constexpr int kBlock = 4;
 constexpr int kStrip = 64;
-// A fit is ill-conditioned when a pivot of the Cholesky factorisation of its
+// A fit is ill-conditioned when a pivot of the L D L^T factorisation of its
 // normal matrix falls below this fraction of the matching diagonal entry.
 // Windows whose valid points lie on one conic (two lines, one diagonal...)
 // give a few rounding units there; usable fits stay far above.
@@ -53,7 +53,6 @@ struct Job {
     int height;
     int halfWidth;
     std::vector<double> factors;      // e(t - h), t = 0 .. 2h
-    bool displacement;
 };
 
 int roundUp(int n, int to) { return (n + to - 1) / to * to; }
@@ -103,7 +102,8 @@ inline __attribute__((always_inline)) Frame tangentFrame(const double (&px)[3], 
     const double n2 = px[0] * py[1] - px[1] * py[0];
     const double xz = n0 * n0 + n2 * n2;
     const double length2 = xz + n1 * n1;
-    const bool usable = length2 > 0.0 && xz > 1e-24 * length2 && length2 < 1e300;
+    // Bitwise, not short-circuit: a branch here would keep the loop scalar.
+    const bool usable = (length2 > 0.0) & (xz > 1e-24 * length2) & (length2 < 1e300);
     ok = usable ? ok : 0.0;
     const double inv = 1.0 / std::sqrt(usable ? length2 : 1.0);
     const double invXz = 1.0 / std::sqrt(usable ? xz : 1.0);
@@ -460,6 +460,7 @@ private:
             // Derivatives of the reference and the deformed position.
             double px[3], py[3], pxx[3], pxy[3], pyy[3];
             double dx[3], dy[3], dxx[3], dxy[3], dyy[3];
+#pragma GCC unroll 3
             for (int c = 0; c < 3; ++c) {
                 px[c] = beta[1][ChX + c][q];
                 py[c] = beta[2][ChX + c][q];
@@ -609,7 +610,6 @@ bool computeCurvature(ZelData& data, int window, bool principal, bool reuse, boo
     job.height = data.numRows();
     job.halfWidth = window / 2;
     job.factors = kernelFactors(window, weighted);
-    job.displacement = ch.hasDisplacement;
     if (gridPointCount(data) > 0) runCurvature(job, workers);
     return true;
 }
