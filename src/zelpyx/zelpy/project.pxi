@@ -218,6 +218,22 @@ class ProjectFile:
             reference = _etree().SubElement(files, "reference")
         reference.text = reference_image
 
+    # ----------------------------------------------------------- calibration
+
+    def get_project_calibration(self):
+        """The project's stereo calibration as a new ProjectCalibration (empty,
+        ``is_valid()`` False, when the project has none)."""
+        self.__check_root()
+        calibration = ProjectCalibration()
+        calibration.read_calibration(self.root)
+        return calibration
+
+    def set_project_calibration(self, ProjectCalibration project_calibration not None):
+        """Store ``project_calibration`` as the project's calibration element,
+        replacing the one it had."""
+        self.__check_root()
+        project_calibration.write_calibration(self.root)
+
     # ---------------------------------------------------------- start points
 
     def get_startpoints(self):
