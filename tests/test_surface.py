@@ -5,6 +5,7 @@ ranges, and the kd-tree itself against scipy's."""
 import ast
 import math
 import pathlib
+from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
 import pytest
@@ -294,6 +295,17 @@ def test_trees_follow_changes_of_the_coordinates(change):
     assert ds.at_global_xy(1.0, 1.0, ["U"], True) is None
     assert ds.at_global_xy(101.0, 1.0, ["U"], True) == ds.at_global_xy(101.0, 1.0, ["U"])
     assert ds.at_global_xy(101.0, 1.0, ["U"]) is not None
+
+
+def test_threads_building_and_using_the_trees_agree():
+    ds, _, _, _ = lookup_dataset(n=201)
+    positions = np.random.default_rng(9).uniform(-45, 45, size=(300, 2))
+    expected = [ds.at_global_xy(px, py, ["U"]) for px, py in positions]
+    ds.set_values({"X": ds.get_values(["X"])["X"]})  # drops the trees: the threads race to build them
+    with ThreadPoolExecutor(4) as pool:
+        results = list(pool.map(lambda k: [(ds if k % 2 else ds[0]).at_global_xy(px, py, ["U"], True)
+                                           for px, py in positions], range(8)))
+    assert all(result == expected for result in results)
 
 
 def test_locate_once_then_interpolate_other_datasets():
