@@ -5,6 +5,7 @@ ranges, and the kd-tree itself against scipy's."""
 import ast
 import math
 import pathlib
+from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
 import pytest
@@ -15,6 +16,7 @@ import zelpy
 from zelpyx.zelpy import zelpy as core
 
 from analysis_fields import grid_dataset, plane_coordinates
+from conftest import aoi, block, kind, variable
 
 T = zelpy.ZelDataVariableType
 N = 61  # grid points per side, 0.5 mm apart: +-15 mm
@@ -295,6 +297,17 @@ def test_trees_follow_changes_of_the_coordinates(change):
     assert ds.at_global_xy(101.0, 1.0, ["U"]) is not None
 
 
+def test_threads_building_and_using_the_trees_agree():
+    ds, _, _, _ = lookup_dataset(n=201)
+    positions = np.random.default_rng(9).uniform(-45, 45, size=(300, 2))
+    expected = [ds.at_global_xy(px, py, ["U"]) for px, py in positions]
+    ds.set_values({"X": ds.get_values(["X"])["X"]})  # drops the trees: the threads race to build them
+    with ThreadPoolExecutor(4) as pool:
+        results = list(pool.map(lambda k: [(ds if k % 2 else ds[0]).at_global_xy(px, py, ["U"], True)
+                                           for px, py in positions], range(8)))
+    assert all(result == expected for result in results)
+
+
 def test_locate_once_then_interpolate_other_datasets():
     ds, xs, ys, valid = lookup_dataset()
     other = ds.copy()
@@ -422,6 +435,24 @@ def test_kd_tree_agrees_with_scipy():
 
 
 # ------------------------------------------------------ small conformance
+
+def test_a_grid_whose_point_count_wraps_is_refused(capfd):
+    # 65536 x 65537 points wrap to 65536 in 32 bits, the count the variables hold.
+    values = np.zeros(65536, np.float32)
+    ds = zelpy.ZelDataSet()
+    ds.load_from_data(block([aoi(65536, 65537, [variable(name, name, kind(k), values) for name, k in
+                                                (("X", 1), ("Y", 1), ("Z", 1), ("x", 0), ("y", 0),
+                                                 ("sigma", 5))])]), "wrapped.out")
+    assert ds.aoi_area() is None and ds[0].find_minimum("Z") == (None, None)
+    assert ds.at_global_xy(0, 0, ["X"]) is ds.at_global_xy(0, 0, ["X"], True) is None
+    assert ds.lookup_variables(0, 0, ["X"]) is ds[0].arclength((0, 0), (1, 1), 2) is None
+    for call, message in ((lambda: ds.range("X"), "Error in calculating range for 'X'."),
+                          (ds.compute_curvature, "Error in calculating curvature.")):
+        with pytest.raises(ValueError) as error:
+            call()
+        assert str(error.value) == message
+    assert "Variables do not hold one value per grid point in computeCurvature()." in capfd.readouterr().err
+
 
 def test_change_file_extension_refuses_none():
     with pytest.raises(TypeError):

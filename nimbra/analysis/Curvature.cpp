@@ -23,7 +23,7 @@ namespace {
 // Columns per block of the vectorised loops, and per strip (see QuadricFit).
 constexpr int kBlock = 4;
 constexpr int kStrip = 64;
-// A fit is ill-conditioned when a pivot of the Cholesky factorisation of its
+// A fit is ill-conditioned when a pivot of the L D L^T factorisation of its
 // normal matrix falls below this fraction of the matching diagonal entry.
 // Windows whose valid points lie on one conic (two lines, one diagonal...)
 // give a few rounding units there; usable fits stay far above.
@@ -53,7 +53,6 @@ struct Job {
     int height;
     int halfWidth;
     std::vector<double> factors;      // e(t - h), t = 0 .. 2h
-    bool displacement;
 };
 
 int roundUp(int n, int to) { return (n + to - 1) / to * to; }
@@ -96,14 +95,15 @@ struct Frame {
     double b0, b1, b2;          // b in parameter space: xx, xy, yy
 };
 
-inline Frame tangentFrame(const double (&px)[3], const double (&py)[3], const double (&pxx)[3],
+inline __attribute__((always_inline)) Frame tangentFrame(const double (&px)[3], const double (&py)[3], const double (&pxx)[3],
                           const double (&pxy)[3], const double (&pyy)[3], double& ok) {
     const double n0 = px[1] * py[2] - px[2] * py[1];
     const double n1 = px[2] * py[0] - px[0] * py[2];
     const double n2 = px[0] * py[1] - px[1] * py[0];
     const double xz = n0 * n0 + n2 * n2;
     const double length2 = xz + n1 * n1;
-    const bool usable = length2 > 0.0 && xz > 1e-24 * length2 && length2 < 1e300;
+    // Bitwise, not short-circuit: a branch here would keep the loop scalar.
+    const bool usable = (length2 > 0.0) & (xz > 1e-24 * length2) & (length2 < 1e300);
     ok = usable ? ok : 0.0;
     const double inv = 1.0 / std::sqrt(usable ? length2 : 1.0);
     const double invXz = 1.0 / std::sqrt(usable ? xz : 1.0);
@@ -123,7 +123,7 @@ inline Frame tangentFrame(const double (&px)[3], const double (&py)[3], const do
 }
 
 // M^-T b M^-1 for the symmetric b = [[b0, b1], [b1, b2]]: (k00, k11, k01).
-inline void toFrame(const Frame& f, double b0, double b1, double b2, double& k00, double& k11,
+inline __attribute__((always_inline)) void toFrame(const Frame& f, double b0, double b1, double b2, double& k00, double& k11,
                     double& k01) {
     k00 = f.q00 * f.q00 * b0 + 2.0 * f.q00 * f.q10 * b1 + f.q10 * f.q10 * b2;
     k11 = f.q01 * f.q01 * b0 + 2.0 * f.q01 * f.q11 * b1 + f.q11 * f.q11 * b2;
@@ -131,7 +131,7 @@ inline void toFrame(const Frame& f, double b0, double b1, double b2, double& k00
 }
 
 // Principal values of the symmetric (k00, k11, k01), larger first.
-inline void principalValues(double k00, double k11, double k01, double& first, double& second) {
+inline __attribute__((always_inline)) void principalValues(double k00, double k11, double k01, double& first, double& second) {
     const double m = 0.5 * (k00 + k11), d = 0.5 * (k00 - k11);
     const double r = std::sqrt(d * d + k01 * k01);
     first = m + r;
@@ -166,13 +166,19 @@ public:
         prefix_.assign(static_cast<size_t>(span_ + 1), 0);
         columnCount_.assign(static_cast<size_t>(span_), 0);
         columnsHit_.assign(static_cast<size_t>(paddedWidth_), 0);
-        rowPointers_.assign(static_cast<size_t>(slots_), nullptr);
+        zeroRow_.assign(static_cast<size_t>(arrays_) * paddedWidth_, 0.0);
+        above_.assign(static_cast<size_t>(h_ + 1), nullptr);
+        below_.assign(static_cast<size_t>(h_ + 1), nullptr);
         for (int a = 0; a < 5; ++a) {
             moment_[a].resize(static_cast<size_t>(slots_));
             for (int t = 0; t < slots_; ++t) {
                 const double x = static_cast<double>(t - h_) / h_;
                 moment_[a][static_cast<size_t>(t)] = job.factors[static_cast<size_t>(t)] * std::pow(x, a);
             }
+            // The centre row is both rows of its "pair": half its factor each.
+            pairFactor_[a].resize(static_cast<size_t>(h_ + 1));
+            for (int o = 0; o <= h_; ++o)
+                pairFactor_[a][static_cast<size_t>(o)] = moment_[a][static_cast<size_t>(h_ + o)] * (o == 0 ? 0.5 : 1.0);
         }
     }
 
@@ -220,7 +226,7 @@ private:
         const size_t offset = static_cast<size_t>(row) * job_.width;
         const float* conf = job_.confidence + offset;
         std::fill(mask_.begin(), mask_.end(), 0.0);
-        for (int j = from; j < to; ++j) mask_[static_cast<size_t>(j)] = conf[j + shift] >= 0.0f ? 1.0 : 0.0;
+        padRow(conf + shift, nullptr, mask_.data(), from, to);
         maskPass(mask_.data(), out);
         // Plain count of valid points per window row, from prefix sums.
         for (int j = 0; j < span_; ++j)
@@ -231,11 +237,27 @@ private:
         for (size_t k = 0; k < active_.size(); ++k) {
             const float* values = job_.channel[active_[k]] + offset;
             std::fill(values_.begin(), values_.end(), 0.0);
-            // A select, not a product: invalid points may hold NaN or inf.
-            for (int j = from; j < to; ++j)
-                values_[static_cast<size_t>(j)] = conf[j + shift] >= 0.0f ? values[j + shift] : 0.0;
+            padRow(conf + shift, values + shift, values_.data(), from, to);
             valuePass(values_.data(), out + (6 + 3 * k) * static_cast<size_t>(paddedWidth_));
         }
+    }
+
+    // out[j] for j in [from, to): the value (1 without `values`) where the
+    // point is valid, else 0 - a select, not a product: invalid points may
+    // hold NaN or inf. In blocks of fixed length, which vectorise.
+    NIMBRA_VECTOR_CLONES static void padRow(const float* conf, const float* values, double* out,
+                                            int from, int to) {
+        int j = from;
+        if (values == nullptr) {
+            for (; j + kBlock <= to; j += kBlock)
+                for (int q = 0; q < kBlock; ++q) out[j + q] = conf[j + q] >= 0.0f ? 1.0 : 0.0;
+            for (; j < to; ++j) out[j] = conf[j] >= 0.0f ? 1.0 : 0.0;
+            return;
+        }
+        for (; j + kBlock <= to; j += kBlock)
+            for (int q = 0; q < kBlock; ++q)
+                out[j + q] = conf[j + q] >= 0.0f ? static_cast<double>(values[j + q]) : 0.0;
+        for (; j < to; ++j) out[j] = conf[j] >= 0.0f ? static_cast<double>(values[j]) : 0.0;
     }
 
     // out[a][c] = sum_t moment_a[t] * in[c + t] for a < Moments.
@@ -265,33 +287,90 @@ private:
         rowPassOf<3>(in, out);
     }
 
-    // out[b][q] = sum over the window rows i of e(y_i) y_i^b times the ring
-    // row's array at `offset` + q, for b < B (y the scaled row offset).
-    // Accumulates in locals so that the sums stay in vector registers.
-    template <int B>
-    inline __attribute__((always_inline)) void columnSums(int taps, size_t offset, int base,
-                                                          double (*out)[kBlock]) const {
-        double acc[B][kBlock] = {};
-        for (int i = 0; i < taps; ++i) {
-            const double* v = rowPointers_[static_cast<size_t>(i)] + offset;
+    // Column sums of several ring arrays in one walk over the window rows:
+    // for array a (at `offset` + a * stride) and b < Terms - a,
+    //   out[k][q] = sum_i e(y_i) y_i^b row_i[a][q],
+    // packed by a then b (y the scaled row offset). The rows at +o and -o
+    // are taken together: the factor of y^b is even or odd in o, so the sum
+    // or the difference of the two rows is multiplied once. Rows outside the
+    // grid are a zero row. The sums stay in locals, so in vector registers.
+    template <int Arrays, int Terms>
+    inline __attribute__((always_inline)) void columnSums(size_t offset, double (*out)[kBlock]) const {
+        constexpr int kSums = Arrays * Terms - Arrays * (Arrays - 1) / 2;
+        const size_t stride = static_cast<size_t>(paddedWidth_);
+        double acc[kSums][kBlock] = {};
+        for (int o = 0; o <= h_; ++o) {
+            const double* down = below_[static_cast<size_t>(o)] + offset;
+            const double* up = above_[static_cast<size_t>(o)] + offset;
+            double f[Terms];
 #pragma GCC unroll 8
-            for (int b = 0; b < B; ++b) {
-                const double f = moment_[b][static_cast<size_t>(base + i)];
+            for (int b = 0; b < Terms; ++b) f[b] = pairFactor_[b][static_cast<size_t>(o)];
+            int k = 0;
 #pragma GCC unroll 8
-                for (int q = 0; q < kBlock; ++q) acc[b][q] += f * v[q];
+            for (int a = 0; a < Arrays; ++a) {
+                double plus[kBlock], minus[kBlock];
+#pragma GCC unroll 8
+                for (int q = 0; q < kBlock; ++q) {
+                    plus[q] = down[a * stride + q] + up[a * stride + q];
+                    minus[q] = down[a * stride + q] - up[a * stride + q];
+                }
+#pragma GCC unroll 8
+                for (int b = 0; b < Terms - a; ++b, ++k)
+#pragma GCC unroll 8
+                    for (int q = 0; q < kBlock; ++q) acc[k][q] += f[b] * (b % 2 == 0 ? plus[q] : minus[q]);
             }
         }
-        for (int b = 0; b < B; ++b)
-            for (int q = 0; q < kBlock; ++q) out[b][q] = acc[b][q];
+        for (int k = 0; k < kSums; ++k)
+            for (int q = 0; q < kBlock; ++q) out[k][q] = acc[k][q];
+    }
+
+    // The six fit-term sums of one channel: t[term][ch] for the terms 1, x,
+    // y, x^2, xy, y^2, from the ring arrays sum e(x) x^a m v (a = 0, 1, 2),
+    // rows paired as in columnSums().
+    inline __attribute__((always_inline)) void channelSums(size_t offset,
+                                                           double (&t)[kTerms][kChannels][kBlock],
+                                                           int ch) const {
+        const size_t stride = static_cast<size_t>(paddedWidth_);
+        double s0[kBlock] = {}, s1[kBlock] = {}, s2[kBlock] = {};
+        double s3[kBlock] = {}, s4[kBlock] = {}, s5[kBlock] = {};
+        const double* f0 = pairFactor_[0].data();
+        const double* f1 = pairFactor_[1].data();
+        const double* f2 = pairFactor_[2].data();
+        for (int o = 0; o <= h_; ++o) {
+            const double* down = below_[static_cast<size_t>(o)] + offset;
+            const double* up = above_[static_cast<size_t>(o)] + offset;
+            const double e0 = f0[o], e1 = f1[o], e2 = f2[o];
+            for (int q = 0; q < kBlock; ++q) {
+                const double p0 = down[q] + up[q], m0 = down[q] - up[q];
+                const double p1 = down[stride + q] + up[stride + q];
+                const double m1 = down[stride + q] - up[stride + q];
+                const double p2 = down[2 * stride + q] + up[2 * stride + q];
+                s0[q] += e0 * p0;  // 1
+                s1[q] += e0 * p1;  // x
+                s2[q] += e1 * m0;  // y
+                s3[q] += e0 * p2;  // x^2
+                s4[q] += e1 * m1;  // xy
+                s5[q] += e2 * p0;  // y^2
+            }
+        }
+        for (int q = 0; q < kBlock; ++q) {
+            t[0][ch][q] = s0[q];
+            t[1][ch][q] = s1[q];
+            t[2][ch][q] = s2[q];
+            t[3][ch][q] = s3[q];
+            t[4][ch][q] = s4[q];
+            t[5][ch][q] = s5[q];
+        }
     }
 
     NIMBRA_VECTOR_CLONES void fitRow(int r, int top, int bottom) {
         const int width = job_.width;
         const float* conf = job_.confidence + static_cast<size_t>(r) * width + stripStart_;
         const size_t stride = static_cast<size_t>(paddedWidth_);
-        const int taps = bottom - top + 1;
-        const int base = top - r + h_;
-        for (int i = 0; i < taps; ++i) rowPointers_[static_cast<size_t>(i)] = slot(top + i);
+        for (int o = 0; o <= h_; ++o) {
+            above_[static_cast<size_t>(o)] = r - o >= top ? slot(r - o) : zeroRow_.data();
+            below_[static_cast<size_t>(o)] = r + o <= bottom ? slot(r + o) : zeroRow_.data();
+        }
 
         // Distinct valid columns of each point's window.
         prefix_[0] = 0;
@@ -312,17 +391,20 @@ private:
             // Mask moments s[a][b] = sum w x^a y^b m, a + b <= 4, packed by
             // a then b; plus the plain count and the rows that hold points.
             double s[15][kBlock];
-            columnSums<5>(taps, c, base, s + 0);
-            columnSums<4>(taps, c + stride, base, s + 5);
-            columnSums<3>(taps, c + 2 * stride, base, s + 9);
-            columnSums<2>(taps, c + 3 * stride, base, s + 12);
-            columnSums<1>(taps, c + 4 * stride, base, s + 14);
+            columnSums<2, 5>(c, s + 0);               // a = 0, 1
+            columnSums<3, 3>(c + 2 * stride, s + 9);  // a = 2, 3, 4
             double count[kBlock] = {}, rows[kBlock] = {};
-            for (int i = 0; i < taps; ++i) {
-                const double* rc = rowPointers_[static_cast<size_t>(i)] + c + 5 * stride;
+            for (int q = 0; q < kBlock; ++q) {
+                const double centre = below_[0][c + 5 * stride + q];
+                count[q] = centre;
+                rows[q] = centre > 0.0 ? 1.0 : 0.0;
+            }
+            for (int o = 1; o <= h_; ++o) {
+                const double* down = below_[static_cast<size_t>(o)] + c + 5 * stride;
+                const double* up = above_[static_cast<size_t>(o)] + c + 5 * stride;
                 for (int q = 0; q < kBlock; ++q) {
-                    count[q] += rc[q];
-                    rows[q] += rc[q] > 0.0 ? 1.0 : 0.0;
+                    count[q] += down[q] + up[q];
+                    rows[q] += (down[q] > 0.0 ? 1.0 : 0.0) + (up[q] > 0.0 ? 1.0 : 0.0);
                 }
             }
             // Channel moments per fit term (1, x, y, x^2, xy, y^2); absent
@@ -331,18 +413,7 @@ private:
             for (int k = 0; k < channels; ++k) {
                 const size_t offset = (6 + 3 * static_cast<size_t>(k)) * stride + c;
                 const int ch = active_[static_cast<size_t>(k)];
-                double a0[3][kBlock], a1[2][kBlock], a2[1][kBlock];
-                columnSums<3>(taps, offset, base, a0);
-                columnSums<2>(taps, offset + stride, base, a1);
-                columnSums<1>(taps, offset + 2 * stride, base, a2);
-                for (int q = 0; q < kBlock; ++q) {
-                    t[0][ch][q] = a0[0][q];
-                    t[1][ch][q] = a1[0][q];
-                    t[2][ch][q] = a0[1][q];
-                    t[3][ch][q] = a2[0][q];
-                    t[4][ch][q] = a1[1][q];
-                    t[5][ch][q] = a0[2][q];
-                }
+                channelSums(offset, t, ch);
             }
             // Points with too few valid neighbours, and invalid points, get 0.
             double good[kBlock];
@@ -354,15 +425,16 @@ private:
             double out[kOutputs][kBlock];
             solveBlock(s, t, good, out);
             const size_t p = static_cast<size_t>(r) * width + stripStart_ + c;
+            if (job_.output[Kangle] != nullptr) {
+                for (int q = 0; q < n; ++q)
+                    out[Kangle][q] = good[q] != 0.0 ? principalAngle(out[Kxx][q], out[Kyy][q], out[Kxy][q]) : 0.0;
+            }
             for (int o = 0; o < kOutputs; ++o) {
                 float* target = job_.output[o];
                 if (target == nullptr) continue;
-                for (int q = 0; q < n; ++q) {
-                    double value = out[o][q];
-                    if (o == Kangle && good[q] != 0.0)
-                        value = principalAngle(out[Kxx][q], out[Kyy][q], out[Kxy][q]);
-                    target[p + q] = good[q] != 0.0 ? static_cast<float>(value) : 0.0f;
-                }
+                float values[kBlock];
+                for (int q = 0; q < kBlock; ++q) values[q] = good[q] != 0.0 ? static_cast<float>(out[o][q]) : 0.0f;
+                std::copy(values, values + n, target + p);
             }
         }
     }
@@ -430,6 +502,7 @@ private:
             // Derivatives of the reference and the deformed position.
             double px[3], py[3], pxx[3], pxy[3], pyy[3];
             double dx[3], dy[3], dxx[3], dxy[3], dyy[3];
+#pragma GCC unroll 3
             for (int c = 0; c < 3; ++c) {
                 px[c] = beta[1][ChX + c][q];
                 py[c] = beta[2][ChX + c][q];
@@ -487,7 +560,10 @@ private:
     std::vector<int> prefix_;
     std::vector<int> columnCount_;  // valid points per padded column in rows r - h .. r + h
     std::vector<int> columnsHit_;   // distinct valid columns of each strip column's window
-    std::vector<const double*> rowPointers_;
+    std::vector<double> pairFactor_[5];  // moment at row offset +o, halved at o = 0 (see columnSums)
+    std::vector<double> zeroRow_;        // stands for the rows outside the grid
+    std::vector<const double*> above_;   // ring rows r - o, o = 0 .. h
+    std::vector<const double*> below_;   // ring rows r + o
 };
 
 // Bands of rows dealt round-robin to the workers, as in the smoother.
@@ -579,7 +655,6 @@ bool computeCurvature(ZelData& data, int window, bool principal, bool reuse, boo
     job.height = data.numRows();
     job.halfWidth = window / 2;
     job.factors = kernelFactors(window, weighted);
-    job.displacement = ch.hasDisplacement;
     if (gridPointCount(data) > 0) runCurvature(job, workers);
     return true;
 }

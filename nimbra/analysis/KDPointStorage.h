@@ -4,6 +4,11 @@
 // nearest point, for the points within a radius, or for the points whose own
 // reach covers a position (the look-ups of grid triangles use that last one:
 // a point's reach is the longest edge of the triangles it is a corner of).
+//
+// The tree is complete and stored in heap order (the children of node i are
+// 2i + 1 and 2i + 2, all leaves on the last level), so nodes need no links,
+// the two halves of every split can be built on different threads, and the
+// upper levels of a query's path share cache lines.
 
 #include <cstddef>
 #include <cstdint>
@@ -17,9 +22,11 @@ public:
 
     // Replaces the content. `ids` may be empty (the ids are then 0 .. n-1);
     // `reach` may be empty (every reach 0). Points with a non-finite
-    // coordinate or reach are left out. False when the array sizes disagree.
+    // coordinate or reach are left out. `workers` as in smoothChannels().
+    // False (logged) when the array sizes disagree.
     bool build(const std::vector<double>& x, const std::vector<double>& y,
-               const std::vector<int32_t>& ids = {}, const std::vector<double>& reach = {});
+               const std::vector<int32_t>& ids = {}, const std::vector<double>& reach = {},
+               int workers = 0);
 
     int64_t size() const { return static_cast<int64_t>(points_.size()); }
     bool empty() const { return points_.empty(); }
@@ -39,18 +46,21 @@ public:
 
 private:
     struct Point {
-        double x, y, reach;
+        double x, y;
+        float reach;  // rounded up from the double given
         int32_t id;
     };
+    // Bounds in single precision, rounded outwards.
     struct Node {
-        double minX, maxX, minY, maxY;
-        double maxReach;
-        int32_t begin, end;    // points_[begin, end)
-        int32_t left, right;   // children, -1 for a leaf
+        float minX, maxX, minY, maxY;
+        float maxReach;
+        int32_t begin, end;  // points_[begin, end)
+        int32_t unused;
     };
     static constexpr int kLeafSize = 8;
 
-    int32_t buildNode(int32_t begin, int32_t end);
+    bool leaf(size_t node) const { return node >= firstLeaf_; }
+    void buildNode(size_t node, int32_t begin, int32_t end, int parallelLevels);
     static double boxDistance2(const Node& n, double x, double y) {
         const double dx = x < n.minX ? n.minX - x : (x > n.maxX ? x - n.maxX : 0.0);
         const double dy = y < n.minY ? n.minY - y : (y > n.maxY ? y - n.maxY : 0.0);
@@ -59,27 +69,30 @@ private:
 
     std::vector<Point> points_;
     std::vector<Node> nodes_;
+    size_t firstLeaf_ = 0;
 };
 
 template <class Fn>
 void KDPointStorage::withinReach(double x, double y, Fn&& fn) const {
     if (nodes_.empty()) return;
-    int32_t stack[64];
+    size_t stack[64];
     int depth = 0;
     stack[depth++] = 0;
     while (depth > 0) {
-        const Node& node = nodes_[static_cast<size_t>(stack[--depth])];
-        if (boxDistance2(node, x, y) > node.maxReach * node.maxReach) continue;
-        if (node.left < 0) {
+        const size_t index = stack[--depth];
+        const Node& node = nodes_[index];
+        const double reach = node.maxReach;
+        if (boxDistance2(node, x, y) > reach * reach) continue;
+        if (leaf(index)) {
             for (int32_t i = node.begin; i < node.end; ++i) {
                 const Point& p = points_[static_cast<size_t>(i)];
-                const double dx = p.x - x, dy = p.y - y;
-                if (dx * dx + dy * dy <= p.reach * p.reach) fn(p.id);
+                const double dx = p.x - x, dy = p.y - y, r = p.reach;
+                if (dx * dx + dy * dy <= r * r) fn(p.id);
             }
             continue;
         }
-        stack[depth++] = node.left;
-        stack[depth++] = node.right;
+        stack[depth++] = 2 * index + 1;
+        stack[depth++] = 2 * index + 2;
     }
 }
 

@@ -140,7 +140,8 @@ std::unique_ptr<PointLocator> PointLocator::create(const ZelData& data, Coordina
     locator->columns_ = m.columns;
 
     // Reach of every point: the longest edge of the triangles it is a corner
-    // of (triangles with a non-finite corner contain nothing).
+    // of (triangles with a non-finite corner contain nothing). Squared
+    // lengths first, one square root per point.
     const int64_t size = m.rows * m.columns;
     std::vector<double> reach(static_cast<size_t>(size), -1.0);
     for (int64_t a = 0; a < m.cellRows(); ++a) {
@@ -153,12 +154,12 @@ std::unique_ptr<PointLocator> PointLocator::create(const ZelData& data, Coordina
                     const int64_t p = t[k][e], q = t[k][(e + 1) % 3];
                     const double dx = static_cast<double>(m.x[p]) - m.x[q];
                     const double dy = static_cast<double>(m.y[p]) - m.y[q];
-                    longest = std::max(longest, std::sqrt(dx * dx + dy * dy));
+                    longest = std::max(longest, dx * dx + dy * dy);
                 }
                 if (!std::isfinite(longest)) continue;
                 for (int e = 0; e < 3; ++e) {
                     double& r = reach[static_cast<size_t>(t[k][e])];
-                    r = std::max(r, longest * kReachMargin);
+                    r = std::max(r, longest);
                 }
             }
         }
@@ -166,10 +167,11 @@ std::unique_ptr<PointLocator> PointLocator::create(const ZelData& data, Coordina
     std::vector<double> xs, ys, rs;
     std::vector<int32_t> ids;
     for (int64_t p = 0; p < size; ++p) {
-        if (reach[static_cast<size_t>(p)] < 0.0) continue;  // corner of no triangle
+        const double r = reach[static_cast<size_t>(p)];
+        if (r < 0.0) continue;  // corner of no triangle
         xs.push_back(m.x[p]);
         ys.push_back(m.y[p]);
-        rs.push_back(reach[static_cast<size_t>(p)] +
+        rs.push_back(std::sqrt(r) * kReachMargin +
                      kAbsoluteMargin * (std::fabs(xs.back()) + std::fabs(ys.back())));
         ids.push_back(static_cast<int32_t>(p));
     }

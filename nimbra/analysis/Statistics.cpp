@@ -25,8 +25,9 @@ namespace {
 
 // Points are scanned in blocks of this many lanes, each lane keeping its own
 // running result, so that the loops have a fixed trip count the compiler
-// turns into vector code at -O2.
-constexpr int kLanes = 8;
+// turns into vector code at -O2: single-precision values, double ones.
+constexpr int kFloatLanes = 8;
+constexpr int kLanes = 4;
 // Below this many points one thread does the whole scan.
 constexpr int64_t kPointsPerWorker = 1 << 18;
 
@@ -54,14 +55,14 @@ int workersFor(int64_t n) {
 // Minimum and maximum over [begin, end); +inf / -inf when nothing counts.
 NIMBRA_VECTOR_CLONES void scanRange(const float* v, const float* conf, int64_t begin, int64_t end,
                                     double& lo, double& hi) {
-    float l[kLanes], h[kLanes];
-    for (int q = 0; q < kLanes; ++q) {
+    float l[kFloatLanes], h[kFloatLanes];
+    for (int q = 0; q < kFloatLanes; ++q) {
         l[q] = std::numeric_limits<float>::infinity();
         h[q] = -std::numeric_limits<float>::infinity();
     }
     int64_t i = begin;
-    for (; i + kLanes <= end; i += kLanes) {
-        for (int q = 0; q < kLanes; ++q) {
+    for (; i + kFloatLanes <= end; i += kFloatLanes) {
+        for (int q = 0; q < kFloatLanes; ++q) {
             const float x = v[i + q];
             const bool ok = counts(conf[i + q], x);
             const float a = ok ? x : l[q], b = ok ? x : h[q];
@@ -70,7 +71,7 @@ NIMBRA_VECTOR_CLONES void scanRange(const float* v, const float* conf, int64_t b
         }
     }
     float lo32 = std::numeric_limits<float>::infinity(), hi32 = -lo32;
-    for (int q = 0; q < kLanes; ++q) {
+    for (int q = 0; q < kFloatLanes; ++q) {
         lo32 = std::min(lo32, l[q]);
         hi32 = std::max(hi32, h[q]);
     }
@@ -81,6 +82,57 @@ NIMBRA_VECTOR_CLONES void scanRange(const float* v, const float* conf, int64_t b
     }
     lo = lo32;
     hi = hi32;
+}
+
+// The smallest (largest) counting value over [begin, end) and its lowest
+// index, in one pass: each lane keeps its best value and the block where it
+// first saw it; index -1 when nothing counts.
+template <bool Largest>
+inline __attribute__((always_inline)) void scanExtreme(const float* v, const float* conf, int64_t begin,
+                                                       int64_t end, float& value, int64_t& index) {
+    const float worst = Largest ? -std::numeric_limits<float>::infinity()
+                                : std::numeric_limits<float>::infinity();
+    float best[kFloatLanes];
+    int32_t block[kFloatLanes];
+    for (int q = 0; q < kFloatLanes; ++q) {
+        best[q] = worst;
+        block[q] = -1;
+    }
+    int64_t i = begin;
+    for (int32_t n = 0; i + kFloatLanes <= end; i += kFloatLanes, ++n) {
+        for (int q = 0; q < kFloatLanes; ++q) {
+            const float x = v[i + q];
+            const bool better = counts(conf[i + q], x) & (Largest ? x > best[q] : x < best[q]);
+            best[q] = better ? x : best[q];
+            block[q] = better ? n : block[q];
+        }
+    }
+    value = worst;
+    index = -1;
+    for (int q = 0; q < kFloatLanes; ++q) {
+        if (block[q] < 0) continue;
+        const int64_t at = begin + static_cast<int64_t>(block[q]) * kFloatLanes + q;
+        if (index < 0 || (Largest ? best[q] > value : best[q] < value) || (best[q] == value && at < index)) {
+            value = best[q];
+            index = at;
+        }
+    }
+    for (; i < end; ++i) {  // the tail: later than every block, so strictly better only
+        if (counts(conf[i], v[i]) && (index < 0 || (Largest ? v[i] > value : v[i] < value))) {
+            value = v[i];
+            index = i;
+        }
+    }
+}
+
+NIMBRA_VECTOR_CLONES void scanMinimum(const float* v, const float* conf, int64_t begin, int64_t end,
+                                      float& value, int64_t& index) {
+    scanExtreme<false>(v, conf, begin, end, value, index);
+}
+
+NIMBRA_VECTOR_CLONES void scanMaximum(const float* v, const float* conf, int64_t begin, int64_t end,
+                                      float& value, int64_t& index) {
+    scanExtreme<true>(v, conf, begin, end, value, index);
 }
 
 // The same for a[i] + b[i], summed in double.
@@ -114,13 +166,6 @@ NIMBRA_VECTOR_CLONES void scanSumRange(const float* a, const float* b, const flo
         lo = std::min(lo, s);
         hi = std::max(hi, s);
     }
-}
-
-// First index in [begin, end) holding `target` at a counting point, or -1.
-int64_t firstIndexOf(const float* v, const float* conf, int64_t begin, int64_t end, float target) {
-    for (int64_t i = begin; i < end; ++i)
-        if (v[i] == target && conf[i] >= 0.0f) return i;
-    return -1;
 }
 
 // The confidence and variable arrays of an AOI, or false when refused.
@@ -158,23 +203,21 @@ bool extreme(const ZelData& data, int32_t variable, bool maximum, ValueExtreme& 
     if (conf == nullptr || n == 0) return true;
     const float* v = values[0];
     const int workers = workersFor(n);
-    std::vector<double> lo(static_cast<size_t>(workers)), hi(static_cast<size_t>(workers));
+    std::vector<float> best(static_cast<size_t>(workers));
+    std::vector<int64_t> at(static_cast<size_t>(workers));
     chunks(n, workers, [&](int64_t b, int64_t e, int k) {
-        scanRange(v, conf, b, e, lo[static_cast<size_t>(k)], hi[static_cast<size_t>(k)]);
+        if (maximum)
+            scanMaximum(v, conf, b, e, best[static_cast<size_t>(k)], at[static_cast<size_t>(k)]);
+        else
+            scanMinimum(v, conf, b, e, best[static_cast<size_t>(k)], at[static_cast<size_t>(k)]);
     });
-    const double best = maximum ? *std::max_element(hi.begin(), hi.end())
-                                : *std::min_element(lo.begin(), lo.end());
-    if (!std::isfinite(best)) return true;
-    // The lowest index holding that value: each chunk finds its first one.
-    std::vector<int64_t> first(static_cast<size_t>(workers), -1);
-    chunks(n, workers, [&](int64_t b, int64_t e, int k) {
-        first[static_cast<size_t>(k)] = firstIndexOf(v, conf, b, e, static_cast<float>(best));
-    });
-    for (int64_t index : first) {
-        if (index >= 0) {
-            out.index = index;
-            out.value = best;
-            break;
+    // Chunks in index order: the first one holding the best value wins ties.
+    for (int k = 0; k < workers; ++k) {
+        const float value = best[static_cast<size_t>(k)];
+        if (at[static_cast<size_t>(k)] < 0) continue;
+        if (!out.found() || (maximum ? value > out.value : value < out.value)) {
+            out.value = value;
+            out.index = at[static_cast<size_t>(k)];
         }
     }
     return true;
@@ -234,66 +277,115 @@ bool dataSetRange(const ZelDataSet& dataSet, const std::string& first, const std
     return true;
 }
 
-// Twice the area of triangle (p, q, r) of the positions.
-struct Positions {
-    const float* x;
-    const float* y;
-    const float* z;  // null: planar
-
-    inline double doubleArea(int64_t p, int64_t q, int64_t r) const {
-        const double ax = static_cast<double>(x[q]) - x[p], ay = static_cast<double>(y[q]) - y[p];
-        const double bx = static_cast<double>(x[r]) - x[p], by = static_cast<double>(y[r]) - y[p];
-        const double az = z != nullptr ? static_cast<double>(z[q]) - z[p] : 0.0;
-        const double bz = z != nullptr ? static_cast<double>(z[r]) - z[p] : 0.0;
-        const double cx = ay * bz - az * by, cy = az * bx - ax * bz, cz = ax * by - ay * bx;
-        return std::sqrt(cx * cx + cy * cy + cz * cz);
-    }
+// One grid row in double precision: positions and validity (1 or 0),
+// padded to whole blocks of kLanes.
+struct RowBuffer {
+    std::vector<double> x, y, z, valid;
+    explicit RowBuffer(int64_t columns)
+        : x(static_cast<size_t>((columns + kLanes) / kLanes * kLanes), 0.0), y(x), z(x), valid(x) {}
 };
 
-// Sum of twice the triangle areas of the cells of rows [first, last) and
-// the number of triangles. Cells with four valid corners, or three of which
-// the left two and the top right (the common cases), are summed without
-// branching; the two rarer patterns are added afterwards.
-NIMBRA_VECTOR_CLONES void cellAreas(const Positions& pos, const float* conf, int64_t columns,
-                                    int64_t first, int64_t last, double& area, int64_t& triangles) {
-    double sum = 0.0;
-    int64_t count = 0;
-    for (int64_t a = first; a < last; ++a) {
-        const int64_t top = a * columns, bottom = top + columns;
-        double lanes[kLanes] = {};
-        int64_t b = 0;
-        for (; b + kLanes <= columns - 1; b += kLanes) {
-            for (int q = 0; q < kLanes; ++q) {
-                const int64_t tl = top + b + q, tr = tl + 1, bl = bottom + b + q, br = bl + 1;
-                const bool vtl = conf[tl] >= 0.0f, vtr = conf[tr] >= 0.0f;
-                const bool vbl = conf[bl] >= 0.0f, vbr = conf[br] >= 0.0f;
-                // (TL, TR, BL) for patterns 15 and 14, (TR, BR, BL) for 15 and 7.
-                const double first = vtl & vtr & vbl ? pos.doubleArea(tl, tr, bl) : 0.0;
-                const double second = vtr & vbr & vbl ? pos.doubleArea(tr, br, bl) : 0.0;
-                lanes[q] += first + second;
-            }
-        }
-        for (int q = 0; q < kLanes; ++q) sum += lanes[q];
-        for (; b < columns - 1; ++b) {
-            const int64_t tl = top + b, tr = tl + 1, bl = bottom + b, br = bl + 1;
-            const bool vtl = conf[tl] >= 0.0f, vtr = conf[tr] >= 0.0f;
-            const bool vbl = conf[bl] >= 0.0f, vbr = conf[br] >= 0.0f;
-            if (vtl && vtr && vbl) sum += pos.doubleArea(tl, tr, bl);
-            if (vtr && vbr && vbl) sum += pos.doubleArea(tr, br, bl);
-        }
-        // Counting, and the patterns 13 (TL, TR, BR) and 11 (BR, BL, TL).
-        for (int64_t c = 0; c < columns - 1; ++c) {
-            const int64_t tl = top + c, tr = tl + 1, bl = bottom + c, br = bl + 1;
-            const int pattern = (conf[tl] >= 0.0f ? 8 : 0) | (conf[tr] >= 0.0f ? 4 : 0) |
-                                (conf[bl] >= 0.0f ? 2 : 0) | (conf[br] >= 0.0f ? 1 : 0);
-            count += (pattern == 15) + (pattern == 15 || pattern == 14 || pattern == 13 ||
-                                        pattern == 11 || pattern == 7);
-            if (pattern == 13) sum += pos.doubleArea(tl, tr, br);
-            if (pattern == 11) sum += pos.doubleArea(br, bl, tl);
+// Loops with a fixed trip count of kLanes, so that they vectorise at -O2.
+NIMBRA_VECTOR_CLONES void loadRow(const float* x, const float* y, const float* z, const float* conf,
+                                  int64_t columns, RowBuffer& row) {
+    double* __restrict rx = row.x.data();
+    double* __restrict ry = row.y.data();
+    double* __restrict rz = row.z.data();
+    double* __restrict rv = row.valid.data();
+    const int64_t blocks = columns / kLanes * kLanes;
+    for (int64_t j = 0; j < blocks; j += kLanes) {
+        for (int q = 0; q < kLanes; ++q) {
+            rx[j + q] = x[j + q];
+            ry[j + q] = y[j + q];
+            rv[j + q] = conf[j + q] >= 0.0f ? 1.0 : 0.0;
         }
     }
+    if (z != nullptr)
+        for (int64_t j = 0; j < blocks; j += kLanes)
+            for (int q = 0; q < kLanes; ++q) rz[j + q] = z[j + q];
+    for (int64_t j = blocks; j < columns; ++j) {
+        rx[j] = x[j];
+        ry[j] = y[j];
+        rv[j] = conf[j] >= 0.0f ? 1.0 : 0.0;
+        if (z != nullptr) rz[j] = z[j];
+    }
+}
+
+// Twice the areas of the mesh triangles of the cells between two rows, and
+// their number, added to the lanes. Branch-free selects, so that the lanes
+// run as vector code: the first triangle of a cell is the one with its
+// top-left corner ((TL, TR, BL), or (TL, TR, BR) / (TL, BR, BL) when the
+// bottom-left / top-right corner is missing), the second is (TR, BR, BL).
+// Cells past the last one (in the padding) have no valid corner.
+NIMBRA_VECTOR_CLONES void rowAreas(const RowBuffer& top, const RowBuffer& bottom, int64_t columns,
+                                   double (&area)[kLanes], double (&count)[kLanes]) {
+    const double* __restrict tx = top.x.data();
+    const double* __restrict ty = top.y.data();
+    const double* __restrict tz = top.z.data();
+    const double* __restrict tv = top.valid.data();
+    const double* __restrict bx = bottom.x.data();
+    const double* __restrict by = bottom.y.data();
+    const double* __restrict bz = bottom.z.data();
+    const double* __restrict bv = bottom.valid.data();
+    double sum[kLanes], number[kLanes];
+    for (int q = 0; q < kLanes; ++q) {
+        sum[q] = area[q];
+        number[q] = count[q];
+    }
+    for (int64_t j0 = 0; j0 < columns - 1; j0 += kLanes) {
+        for (int q = 0; q < kLanes; ++q) {
+            const int64_t j = j0 + q;
+            // Beyond the last cell the right corners are padding (invalid).
+            const double a = tv[j], b = tv[j + 1], c = bv[j], d = bv[j + 1];
+            const double ux = tx[j + 1] - tx[j], uy = ty[j + 1] - ty[j], uz = tz[j + 1] - tz[j];
+            const double vx = bx[j] - tx[j], vy = by[j] - ty[j], vz = bz[j] - tz[j];
+            const double wx = bx[j + 1] - tx[j], wy = by[j + 1] - ty[j], wz = bz[j + 1] - tz[j];
+            const double first = b * c + b * d + c * d > 0.0 ? a : 0.0;
+            const double second = b * c * d;
+            // Edge pair of the first triangle: (u, v), (u, w) or (w, v).
+            const double px = b > 0.0 ? ux : wx, py = b > 0.0 ? uy : wy, pz = b > 0.0 ? uz : wz;
+            const double qx = c > 0.0 ? vx : wx, qy = c > 0.0 ? vy : wy, qz = c > 0.0 ? vz : wz;
+            const double c1x = py * qz - pz * qy, c1y = pz * qx - px * qz, c1z = px * qy - py * qx;
+            // (BR - TR) x (BL - TR) = (w - u) x (v - u)
+            const double sx = wx - ux, sy = wy - uy, sz = wz - uz;
+            const double rx = vx - ux, ry = vy - uy, rz = vz - uz;
+            const double c2x = sy * rz - sz * ry, c2y = sz * rx - sx * rz, c2z = sx * ry - sy * rx;
+            const double n1 = std::sqrt(c1x * c1x + c1y * c1y + c1z * c1z);
+            const double n2 = std::sqrt(c2x * c2x + c2y * c2y + c2z * c2z);
+            // Selects, not products: a missing corner may hold NaN.
+            sum[q] += (first > 0.0 ? n1 : 0.0) + (second > 0.0 ? n2 : 0.0);
+            number[q] += first + second;
+        }
+    }
+    for (int q = 0; q < kLanes; ++q) {
+        area[q] = sum[q];
+        count[q] = number[q];
+    }
+}
+
+// Twice the area and the triangle count of the cells of rows [first, last).
+void cellAreas(const float* x, const float* y, const float* z, const float* conf, int64_t columns,
+               int64_t first, int64_t last, double& area, int64_t& triangles) {
+    double lanes[kLanes] = {}, counts[kLanes] = {};
+    RowBuffer rows[2] = {RowBuffer(columns), RowBuffer(columns)};
+    auto load = [&](int64_t row, RowBuffer& into) {
+        const int64_t offset = row * columns;
+        loadRow(x + offset, y + offset, z != nullptr ? z + offset : nullptr, conf + offset, columns, into);
+    };
+    load(first, rows[0]);
+    for (int64_t a = first; a < last; ++a) {
+        RowBuffer& top = rows[(a - first) % 2];
+        RowBuffer& bottom = rows[(a - first + 1) % 2];
+        load(a + 1, bottom);
+        rowAreas(top, bottom, columns, lanes, counts);
+    }
+    double sum = 0.0, count = 0.0;
+    for (int q = 0; q < kLanes; ++q) {
+        sum += lanes[q];
+        count += counts[q];
+    }
     area = sum;
-    triangles = count;
+    triangles = static_cast<int64_t>(count);
 }
 
 }  // namespace
@@ -345,14 +437,17 @@ bool surfaceArea(const ZelData& data, SurfaceArea& out) {
     }
     const int64_t rows = data.numRows(), columns = data.numColumns();
     if (rows < 2 || columns < 2) return true;
-    const Positions pos{data.variableValues(ch.position[0]), data.variableValues(ch.position[1]),
-                        ch.planar ? nullptr : data.variableValues(ch.position[2])};
+    const float* x = data.variableValues(ch.position[0]);
+    const float* y = data.variableValues(ch.position[1]);
+    const float* z = ch.planar ? nullptr : data.variableValues(ch.position[2]);
     const float* conf = data.variableValues(confidence);
     const int workers = workersFor(rows * columns);
     std::vector<double> areas(static_cast<size_t>(workers));
     std::vector<int64_t> counts(static_cast<size_t>(workers));
     chunks(rows - 1, workers, [&](int64_t b, int64_t e, int k) {
-        cellAreas(pos, conf, columns, b, e, areas[static_cast<size_t>(k)], counts[static_cast<size_t>(k)]);
+        if (b < e)
+            cellAreas(x, y, z, conf, columns, b, e, areas[static_cast<size_t>(k)],
+                      counts[static_cast<size_t>(k)]);
     });
     for (int k = 0; k < workers; ++k) {
         out.area += 0.5 * areas[static_cast<size_t>(k)];

@@ -50,6 +50,16 @@ cdef inline int32_t _resolve_variable(nimbra.ZelData* aoi, object variable) exce
     return <int32_t>variable
 
 
+cdef bint _mesh_variable(nimbra.ZelData* aoi, int32_t index):
+    """Whether the look-up trees read this variable: a coordinate, the
+    confidence kind, or one named "x" or "y"."""
+    cdef nimbra.ZelDataVariable* record = aoi.variable(index)
+    if record == NULL:
+        return False
+    return (record.type == nimbra.PixelCoordinate or record.type == nimbra.GlobalCoordinate
+            or record.type == nimbra.Correlation or record.name == b"x" or record.name == b"y")
+
+
 cdef _copy_into_variable(nimbra.ZelData* aoi, int32_t index, object values):
     """Writes all values of one variable; the length must be the matrix size."""
     cdef vector[float] converted
@@ -232,7 +242,8 @@ cdef class ZelData:
             _resolve_variable(self.thisptr, variable_index))
         if record == NULL or n >= record.count:
             raise IndexError("Variable index out of range.")
-        self._forget_locators()
+        if _mesh_variable(self.thisptr, _resolve_variable(self.thisptr, variable_index)):
+            self._forget_locators()
         record.values.get()[n] = value
 
     def set_values(self, variable_index, values):
@@ -242,8 +253,10 @@ cdef class ZelData:
         ``matrix_size()`` elements.
         """
         self.__check_thisptr()
-        self._forget_locators()
-        _copy_into_variable(self.thisptr, _resolve_variable(self.thisptr, variable_index), values)
+        cdef int32_t index = _resolve_variable(self.thisptr, variable_index)
+        if _mesh_variable(self.thisptr, index):
+            self._forget_locators()
+        _copy_into_variable(self.thisptr, index, values)
 
     def as_array(self, variables):
         """The listed variables as a numpy structured array of float32 fields."""
@@ -268,7 +281,8 @@ cdef class ZelData:
                 raise ValueError("Could not find variable " + variable)
             raise IndexError("Variable index out of range.")
         # The view may be written to: look-ups made after this rebuild their trees.
-        self._forget_locators()
+        if _mesh_variable(self.thisptr, index):
+            self._forget_locators()
         rows, columns = self.thisptr.numRows(), self.thisptr.numColumns()
         if record.count == self.thisptr.matrixSize() and rows * columns == record.count:
             return _view_values(record, (rows, columns))
@@ -376,6 +390,16 @@ cdef class ZelDataSet:
         # Coordinates, confidence or the grid may have changed: the look-up
         # trees are rebuilt on their next use.
         self._locators.clear()
+
+    cdef void _touch_names(self, names):
+        # Only changes of what the trees read make them stale.
+        cdef nimbra.ZelData* aoi
+        for i in range(self.thisptr.numData()):
+            aoi = self.thisptr.data(i)
+            for name in names:
+                if isinstance(name, str) and _mesh_variable(aoi, aoi.variableIndex(_utf8(name))):
+                    self._touch()
+                    return
 
     def __dealloc__(self):
         del self.thisptr
@@ -595,7 +619,10 @@ cdef class ZelDataSet:
         ``matrix_size()`` values.
         """
         self.__check_thisptr()
-        self._touch()
+        if isinstance(variables, dict):
+            self._touch_names(variables.keys())
+        elif isinstance(variables, np.ndarray) and variables.dtype.names is not None:
+            self._touch_names(variables.dtype.names)
         if isinstance(variables, dict):
             items = list(variables.items())
         elif isinstance(variables, np.ndarray) and variables.dtype.names is not None:
@@ -627,7 +654,9 @@ cdef class ZelDataSet:
         made unique.
         """
         self.__check_thisptr()
-        self._touch()
+        if (variable_type in (ZelDataVariableType.PixelCoordinate, ZelDataVariableType.GlobalCoordinate,
+                              ZelDataVariableType.Correlation) or variable_name in ("x", "y")):
+            self._touch()
         cdef string name = _utf8(variable_name)
         cdef string description = _utf8(variable_description)
         cdef nimbra.ZelDataVariableType kind = <nimbra.ZelDataVariableType><int>variable_type.value
@@ -680,7 +709,7 @@ cdef class ZelDataSet:
         a confidence variable or a window below 1.
         """
         self.__check_thisptr()
-        self._touch()
+        self._touch_names((variable,))
         _dataset_smooth(self, variable, window_size, weighted)
 
     def compute_strain(self, int window_size=15, tensor_type=TensorType.LagrangeStrainTensor,
