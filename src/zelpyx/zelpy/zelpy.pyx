@@ -95,6 +95,7 @@ cdef inline str _str(const string& text):
 # --------------------------------------------------------------------- areas
 
 include "data.pxi"
+include "hdf5.pxi"
 include "analysis.pxi"
 include "geometry.pxi"
 include "polygon.pxi"
