@@ -12,6 +12,7 @@ import sys
 import time
 import xml.etree.ElementTree as ET
 
+import h5py
 import numpy as np
 import pytest
 
@@ -174,9 +175,13 @@ def test_every_subcommand_has_help(command):
     (("plot", "x", "-v", "e1", "--size", "800by600"), "WIDTHxHEIGHT"),
     (("serve", "x", "--fps", "0"), "must be positive"),
     (("serve", "x", "--port", "70000"), "0..65535"),
+    (("demo", "x", "--stress", "0"), "must be positive, got 0"),
+    (("demo", "x", "--stress", "nan"), "must be positive, got nan"),
+    (("demo", "x", "--stress", "inf"), "must be a finite number, got inf"),
 ])
-def test_bad_options_give_one_line_and_status_2(args, fragment):
-    assert_one_line_error(run(*args), 2, fragment)
+def test_bad_options_give_one_line_and_status_2(tmp_path, args, fragment):
+    assert_one_line_error(run(*args, cwd=tmp_path), 2, fragment)
+    assert not os.listdir(tmp_path)
 
 
 @pytest.mark.parametrize("args", [("info",), ("strain",), ("convert", "{tmp}/o.h5"), ("export", "-f", "csv"),
@@ -199,6 +204,23 @@ def test_unknown_variable(series, tmp_path, args):
     out = tmp_path / ("exported" if args[0] == "export" else "plot.png")
     assert_one_line_error(run(*(a.format(src=series) for a in args), "-o", out), 1, "unknown variable 'nope'")
     assert not out.exists() or not os.listdir(out)
+
+
+@pytest.mark.parametrize("args, fragment", [
+    (("info",), None),
+    (("export", "-f", "csv", "-o", "{tmp}/csv", "-q"), None),
+    (("plot", "-v", "e1", "-o", "{tmp}/p.png"), None),
+    (("strain", "-o", "{tmp}/s.h5", "-q"), None),
+    (("strain", "-q"), "must be writable and not open in another program"),   # in place
+])
+def test_write_protected_source_held_open_elsewhere(series, tmp_path, args, fragment):
+    series.chmod(0o444)
+    with h5py.File(series, "r"):   # as a viewer would hold it
+        result = run(args[0], series, *(a.format(tmp=tmp_path) for a in args[1:]))
+    if fragment:
+        assert_one_line_error(result, 1, f"Cannot open {series}.", fragment)
+    else:
+        assert result.returncode == 0, result.stderr
 
 
 # ------------------------------------------------------------------ info
@@ -246,19 +268,30 @@ def test_strain_in_place_keeps_names_and_adds_variables(out_dir):
             assert np.abs(v["fxx"][valid]).max() < 1e-3
 
 
+@pytest.mark.parametrize("damage, why", [
+    ("corrupt", "cannot be read: Unknown file type. 0"),
+    ("no coordinates", "strain failed: Could not find coordinates for strain computation."),
+])
 @pytest.mark.parametrize("jobs", [1, 2])
-def test_corrupt_file_is_named_and_the_others_are_processed(out_dir, jobs):
+def test_failing_file_is_named_with_the_cause_and_the_others_are_processed(out_dir, jobs, damage, why):
     names = names_of(out_dir)
     bad = out_dir / names[1]
-    bad.write_bytes(b"\x00" * 64)
+    if damage == "corrupt":
+        bad.write_bytes(b"\x00" * 64)
+    else:
+        ds = zelpy.ZelDataSet()
+        ds.add_aoi(DEMO_SIZE, DEMO_SIZE)
+        ds.add_variable("sigma", "sigma", zelpy.ZelDataVariableType.Correlation)
+        ds.save(str(bad))
+    before = bad.read_bytes()
     result = run("strain", out_dir, "--tresca", "--jobs", jobs)
     assert result.returncode == 1 and "Traceback" not in result.stderr
     first, last = result.stderr.strip().splitlines()   # exactly two lines
-    assert str(bad) in first
+    assert first == f"zelpy strain: {bad}: {why}"
     assert last == f"zelpy strain: 1 of {len(names)} datasets failed"
     for name in (names[0], names[2]):
         assert "e_tresca" in values(out_dir / name, ["e_tresca"]).dtype.names
-    assert bad.read_bytes() == b"\x00" * 64
+    assert bad.read_bytes() == before
 
 
 def test_strain_names_the_aoi_that_keeps_a_file_from_being_written(tmp_path):
@@ -305,6 +338,33 @@ def test_interrupt_leaves_every_file_whole(out_dir):
     assert sum("e_tresca" in zelpy.ZelDataSetReader(str(out_dir / n))[0].variables() for n in before) >= 1
 
 
+ALL_REPEATED = "exx, eyy, exy, e1, e2, gamma occur more than once in "
+
+
+@pytest.mark.parametrize("args, note_on, note", [
+    (("info", "-d", "-1"), "stdout", ALL_REPEATED + "this dataset"),
+    (("export", "-f", "csv", "-o", "{tmp}/csv", "-d", "-1"), "stderr", ALL_REPEATED + "plate_hole.h5:out:0002"),
+    (("export", "-f", "vtu", "-v", "exx", "X", "exx", "-o", "{tmp}/vtu", "-d", "-1"), "stderr", "note: exx occurs"),
+    (("plot", "-v", "exx", "-o", "{tmp}/p.png"), "stderr", "note: exx occurs more than once"),
+])
+def test_repeated_variable_names_use_the_first(series, tmp_path, args, note_on, note):
+    """strain --no-reuse adds a second exx ...; every command takes the first,
+    as the library's look-ups do, and says so."""
+    assert run("strain", series, "--no-reuse", "-w", 5, "-q").returncode == 0
+    result = run(args[0], series, *(a.format(tmp=tmp_path) for a in args[1:]))
+    assert result.returncode == 0, result.stderr
+    assert note in getattr(result, note_on) and "Traceback" not in result.stderr
+    if args[:3] == ("export", "-f", "csv"):
+        last = zelpy.ZelDataSetReader(str(series))[-1]
+        names = last.variables()
+        second = names.index("exx", names.index("exx") + 1)
+        table = np.genfromtxt(tmp_path / "csv" / os.listdir(tmp_path / "csv")[0], delimiter=",", names=True)
+        assert list(table.dtype.names) == ["aoi", "row", "column", *dict.fromkeys(names)]
+        index = (table["row"] * DEMO_SIZE + table["column"]).astype(int)
+        np.testing.assert_array_equal(table["exx"].astype(np.float32), last.get_values(["exx"])["exx"][index])
+        assert not np.array_equal(table["exx"].astype(np.float32), last[0].variable_view(second).ravel()[index])
+
+
 # ------------------------------------------------------------------ convert
 
 def test_convert_round_trip_follows_the_writer_names(series, out_dir, tmp_path):
@@ -332,8 +392,11 @@ def test_convert_refuses_a_file_name_it_cannot_map(tmp_path, series):
 # ------------------------------------------------------------------ export
 
 def test_export_csv_columns_and_values(series, tmp_path):
-    result = run("export", series, "-f", "csv", "-v", "e1", "X", "-o", tmp_path / "csv", "-d", "-1")
-    assert result.returncode == 0, result.stderr
+    # The same dataset picked twice is written once.
+    result = run("export", series, "-f", "csv", "-v", "e1", "X", "-o", tmp_path / "csv", "-d", "-1",
+                 "-d", DEMO_STEPS - 1)
+    assert (result.returncode, result.stderr) == (0, "")
+    assert result.stdout.startswith("wrote 1 CSV file(s)")
     name = f"plate_hole-{DEMO_STEPS - 1:04d}_0.csv"
     assert names_of(tmp_path / "csv") == [name]
     table = np.genfromtxt(tmp_path / "csv" / name, delimiter=",", names=True)
@@ -379,15 +442,56 @@ def test_export_vtu_is_a_triangle_mesh_of_the_valid_points(series, tmp_path):
 
 # ------------------------------------------------------------------ plot
 
-@pytest.mark.parametrize("options, name, size", [
-    (("-v", "e1", "-o", "p.png", "--size", "640x480", "-d", "1"), "p.png", (640, 480)),
-    (("-v", "W", "-o", "p.png", "--size", "300x900", "-d", "1"), "p.png", (300, 900)),
-    (("-v", "e1"), f"plate_hole-{DEMO_STEPS - 1:04d}_e1.png", (1000, 800)),   # default: last dataset, here
+@pytest.mark.parametrize("options, name, magic, size", [
+    (("-v", "e1", "-o", "p.png", "--size", "640x480", "-d", "1"), "p.png", b"\x89PNG", (640, 480)),
+    (("-v", "W", "-o", "p.png", "--size", "300x900", "-d", "1"), "p.png", b"\x89PNG", (300, 900)),
+    (("-v", "e1"), f"plate_hole-{DEMO_STEPS - 1:04d}_e1.png", b"\x89PNG", (1000, 800)),   # default: last dataset, here
+    (("-v", "e1", "-o", "pics"), f"pics/plate_hole-{DEMO_STEPS - 1:04d}_e1.png", b"\x89PNG", (1000, 800)),
+    (("-v", "e1", "-o", "p.pdf"), "p.pdf", b"%PDF-", None),
+    (("-v", "e1", "-o", "p.SVG"), "p.SVG", b"<?xml", None),
+    (("-v", "e1", "-o", "p.jpg"), "p.jpg", b"\xff\xd8\xff", None),
 ])
-def test_plot_writes_a_png_of_the_requested_size(series, tmp_path, options, name, size):
+def test_plot_writes_the_format_its_suffix_names(series, tmp_path, options, name, magic, size):
+    (tmp_path / "pics").mkdir()
     result = run("plot", series, *options, cwd=tmp_path)
-    assert result.returncode == 0, result.stderr
-    assert png_size(tmp_path / name) == size
+    assert result.stdout == f"wrote {tmp_path / name}\n", result.stderr
+    assert (tmp_path / name).read_bytes().startswith(magic)
+    assert size is None or png_size(tmp_path / name) == size
+
+
+SUFFIX_REFUSED = "(a new directory is not made for a name with a suffix; create it first to use this name)"
+
+
+@pytest.mark.parametrize("args, message", [
+    (("plot", "{src}", "-v", "e1", "-o", "x.txt"),
+     "x.txt: '.txt' is not an image format; use one of .png, .pdf, .svg, .eps, .ps, .jpg, .jpeg, .tif, .tiff, .webp"),
+    (("plot", "{src}", "-v", "e1", "-o", "x"), "x: no image format suffix; use one of .png"),
+    (("export", "{src}", "-f", "csv", "-o", "result.txt"), "result.txt: the output must be a directory " + SUFFIX_REFUSED),
+    (("strain", "{src}", "-o", "result.txt"),
+     "result.txt: the destination must be a directory or an .h5 file " + SUFFIX_REFUSED),
+    (("strain", "{src}", "-w", "999"), f"window 999 is larger than the grid ({DEMO_SIZE}x{DEMO_SIZE} points): "
+                                       "the smoothing would fit one plane to the whole AOI"),
+    (("demo", "d", "--size", "21", "--window", "31"),
+     "window 31 is larger than the grid (21x21 points); use a smaller --window or a larger --size"),
+])
+def test_command_line_mistakes_are_refused_before_anything_is_written(series, tmp_path, args, message):
+    def contents():
+        return {p: p.is_dir() or p.read_bytes() for p in tmp_path.rglob("*")}
+
+    before = contents()
+    result = run(*(a.format(src=series) for a in args), cwd=tmp_path)
+    assert_one_line_error(result, 1)
+    assert result.stderr.startswith(f"zelpy {args[0]}: error: {message}")
+    assert contents() == before
+
+
+def test_write_errors_name_the_target_not_a_temporary_file(series, tmp_path):
+    target = tmp_path / "csv" / "plate_hole-0000_0.csv"
+    target.mkdir(parents=True)   # in the way of the file
+    result = run("export", series, "-f", "csv", "-d", 0, "-o", tmp_path / "csv")
+    first = result.stderr.splitlines()[0]
+    assert first == f"zelpy export: {series}:out:0000: [Errno 21] Is a directory: '{target}'"
+    assert os.listdir(tmp_path / "csv") == [target.name]
 
 
 # ------------------------------------------------------------------ serve

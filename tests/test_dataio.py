@@ -228,8 +228,15 @@ def test_missing_directory_resets_the_reader(run_dir):
     assert (reader.dataset_list, reader.out_directory) == ([], None)
 
 
-@pytest.mark.parametrize("kind", ["missing", "garbage", "no out", "out is not a group", "open elsewhere"])
-def test_unopenable_hdf5(run_dir, tmp_path, kind):
+@pytest.mark.parametrize("kind, note", [
+    ("missing", "The file cannot be read: "),   # followed by h5py's own words
+    ("garbage", "The file cannot be read: "),
+    ("no out", "{} does not contain an 'out' group."),
+    ("out is not a group", "The group 'out' cannot be listed."),
+    ("open elsewhere", "The file must be writable and not open in another program: the reader opens HDF5 "
+                       "files for writing (read_only=True only reads them)."),
+])
+def test_unopenable_hdf5(run_dir, tmp_path, kind, note):
     path = str(tmp_path / "bad.h5")
     held = None
     if kind == "garbage":
@@ -249,10 +256,13 @@ def test_unopenable_hdf5(run_dir, tmp_path, kind):
     try:
         with pytest.raises(NameError) as error:
             reader.load_from_hdf5(path)
+        if held is not None:
+            assert ZelDataSetReader(path, read_only=True).dataset_list == [path + ":out:1"]
     finally:
         if held is not None:
             held.close()
     assert str(error.value) == "Cannot open " + path + "."
+    assert error.value.__notes__[0].startswith(note.format(path))
     assert (reader.dataset_list, reader.out_directory, reader.h5_file_path) == ([], None, None)
     if before is not None:
         assert open(path, "rb").read() == before

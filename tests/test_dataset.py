@@ -375,8 +375,16 @@ def test_hdf5_failures(tmp_path):
     with pytest.raises(ValueError, match=r"^%s does not contain an 'out' group\.$" % h5):
         zelpy.ZelDataSet().load(h5 + ":out:1")
     make_dataset().save(h5 + ":out:1")
-    with pytest.raises(ValueError, match=r"^%s does not contain 'out:7' dataset\.$" % h5):
-        zelpy.ZelDataSet().load(h5 + ":out:7")
+    for key in ("0007", "0010", "0100", "0002", "0020", "x"):
+        make_dataset().save(h5 + ":out:" + key)
+    # The note points at the key the writers spell with zeros: numbers by
+    # distance, other names by sorted position.
+    for index, note in [("7", "'0002', '0007', '0010', '0020', '1'"), ("99", "'0002', '0007', '0010', '0020', '0100'"),
+                        ("w", "'0010', '0020', '0100', '1', 'x'")]:
+        with pytest.raises(ValueError) as error:
+            zelpy.ZelDataSet().load(h5 + ":out:" + index)
+        assert str(error.value) == "%s does not contain 'out:%s' dataset." % (h5, index)
+        assert error.value.__notes__ == ["Keys near '%s': %s (7 in all)." % (index, note)]
     bad = "/no/such/dir/x.h5"
     with pytest.raises(OSError, match=r"^Cannot open %s\.$" % bad):
         make_dataset().save(bad + ":out:1")

@@ -2,6 +2,7 @@
 
 import subprocess
 import sys
+import threading
 
 import pytest
 
@@ -62,3 +63,34 @@ def test_star_import_gives_the_public_api_only():
     exec("from zelpy import *", namespace)
     assert not [name for name, value in namespace.items() if type(value).__name__ == "module"]
     assert {"ZelDataSet", "ZelDataSetReader", "RTClient", "Rotation", "AOIPolygon", "ProjectFile"} <= set(namespace)
+
+
+def test_each_thread_gets_its_own_library_errors(capfd):
+    """Two kinds of failure on four threads at once, console silenced: each
+    thread reads back exactly its own library line, and only the last 16."""
+    no_coordinates = zelpy.ZelDataSet()
+    no_coordinates.add_aoi(40, 40)
+    no_coordinates.add_variable("sigma", "sigma", zelpy.ZelDataVariableType.Correlation)
+    cases = {"Could not find coordinates for strain computation.": no_coordinates.compute_strain,
+             "Unknown file type. 305419896": lambda: zelpy.ZelDataSet().load_from_data(b"\x12\x34\x56\x781.00", "x")}
+    seen = {line: [] for line in cases}
+
+    def fail(line, times=300):
+        count = zelpy.log_error_count()
+        for _ in range(times):
+            with pytest.raises(ValueError):
+                cases[line]()
+        seen[line].append(zelpy.log_errors_since(count))
+
+    zelpy.set_log_severity(0)
+    try:
+        threads = [threading.Thread(target=fail, args=(line,)) for line in [*cases, *cases]]
+        for t in threads:
+            t.start()
+        for t in threads:
+            t.join()
+    finally:
+        zelpy.set_log_severity(2)
+    assert seen == {line: [[line] * 16] * 2 for line in cases}
+    assert capfd.readouterr().err == ""
+    assert zelpy.log_errors_since(zelpy.log_error_count()) == []

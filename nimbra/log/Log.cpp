@@ -1,5 +1,6 @@
 #include "nimbra/log/Log.h"
 
+#include <array>
 #include <atomic>
 #include <cstdio>
 #include <mutex>
@@ -16,6 +17,19 @@ struct Logger {
 // run at interpreter exit.
 std::atomic<Logger*> theLogger{nullptr};
 std::mutex creationLock;
+
+// A ring of this thread's last error messages; `count` numbers them all.
+struct RecentErrors {
+    std::uint64_t count = 0;
+    std::array<std::string, kRecentErrors> ring;
+};
+
+RecentErrors& recentErrors() {
+    thread_local RecentErrors recent;
+    return recent;
+}
+
+bool kept(Severity severity) { return severity != none && severity <= error; }
 
 }  // namespace
 
@@ -47,13 +61,36 @@ bool enabled(Severity severity) {
     return logger != nullptr && severity != none && severity <= logger->maxSeverity.load();
 }
 
+bool wanted(Severity severity) {
+    return enabled(severity) || (kept(severity) && exists());
+}
+
 void write(Severity severity, std::string_view message) {
     Logger* logger = theLogger.load();
-    if (logger == nullptr || !enabled(severity)) return;
+    if (logger == nullptr) return;
+    if (kept(severity)) {
+        RecentErrors& recent = recentErrors();
+        recent.ring[recent.count % kRecentErrors].assign(message);
+        ++recent.count;
+    }
+    if (!enabled(severity)) return;
     std::lock_guard<std::mutex> guard(logger->lock);
     std::fwrite(message.data(), 1, message.size(), stderr);
     std::fputc('\n', stderr);
     std::fflush(stderr);
+}
+
+std::uint64_t threadErrorCount() { return recentErrors().count; }
+
+std::vector<std::string> threadErrorsSince(std::uint64_t mark) {
+    const RecentErrors& recent = recentErrors();
+    std::vector<std::string> messages;
+    if (mark >= recent.count) return messages;
+    std::uint64_t first = recent.count - mark > kRecentErrors ? recent.count - kRecentErrors : mark;
+    messages.reserve(recent.count - first);
+    for (std::uint64_t i = first; i < recent.count; ++i)
+        messages.push_back(recent.ring[i % kRecentErrors]);
+    return messages;
 }
 
 }  // namespace nimbra::log

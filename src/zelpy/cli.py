@@ -11,10 +11,10 @@ from __future__ import annotations
 import argparse
 import contextlib
 import glob
+import math
 import os
 import signal
 import sys
-import tempfile
 import threading
 
 EXIT_FAILED = 1
@@ -50,35 +50,41 @@ def _say(message: str) -> None:
         print(message, file=sys.stderr)
 
 
+class _LibraryLines:
+    """The error lines the library logged on this thread since creation.
+
+    Read when used, so a handler inside the block already sees the line that
+    explains the failure it handles.
+    """
+
+    def __init__(self):
+        import zelpy
+        self._mark = zelpy.log_error_count()
+
+    def _lines(self) -> list[str]:
+        import zelpy
+        return [line.strip() for line in zelpy.log_errors_since(self._mark) if line.strip()]
+
+    def __iter__(self):
+        return iter(self._lines())
+
+    def __len__(self):
+        return len(self._lines())
+
+    def __getitem__(self, index):
+        return self._lines()[index]
+
+
 @contextlib.contextmanager
 def _library_messages():
-    """Collect what the compiled library writes to standard error.
+    """The library's own explanation of what fails in the block.
 
-    The library logs its own diagnostics (a decoder complaint, for example)
-    straight to file descriptor 2. The command folds them into its own
-    one-line messages instead of letting them interleave with its output.
+    The library keeps its error lines per thread, so this needs neither the
+    standard error stream nor a lock, and works the same on worker threads.
+    While a command runs the library's console output is off (see main): its
+    lines reach the user folded into the command's one-line messages.
     """
-    lines: list[str] = []
-    try:
-        sys.stderr.flush()
-        saved = os.dup(2)
-    except (OSError, ValueError, AttributeError):
-        yield lines
-        return
-    with tempfile.TemporaryFile() as sink:
-        os.dup2(sink.fileno(), 2)
-        try:
-            yield lines
-        finally:
-            try:
-                sys.stderr.flush()
-            except (OSError, ValueError):
-                pass
-            os.dup2(saved, 2)
-            os.close(saved)
-            sink.seek(0)
-            text = sink.read().decode("utf-8", "replace")
-            lines.extend(line.strip() for line in text.splitlines() if line.strip())
+    yield _LibraryLines()
 
 
 @contextlib.contextmanager
@@ -97,27 +103,13 @@ def _deferred_interrupt():
         raise KeyboardInterrupt
 
 
-_bar_stream = None
-
-
 def _progress(total: int, desc: str, quiet: bool):
     """A progress bar on standard error (shown only on a terminal)."""
-    global _bar_stream
     try:
         from tqdm import tqdm
     except ImportError:
         return _NoBar()
-    if _bar_stream is None:
-        # The bar keeps its own handle on the terminal: while the library's
-        # messages are being collected, descriptor 2 points elsewhere.
-        try:
-            sys.stderr.flush()
-            _bar_stream = os.fdopen(os.dup(2), "w", buffering=1,
-                                    encoding=getattr(sys.stderr, "encoding", None) or "utf-8",
-                                    errors="replace")
-        except (OSError, ValueError, AttributeError):
-            _bar_stream = sys.stderr
-    return tqdm(total=total, desc=desc, unit="dataset", file=_bar_stream,
+    return tqdm(total=total, desc=desc, unit="dataset", file=sys.stderr,
                 disable=True if quiet else None, dynamic_ncols=True)
 
 
@@ -129,8 +121,15 @@ class _NoBar:
         pass
 
 
-def _detail(exc: BaseException, lines: list[str]) -> str:
-    return "; ".join(lines) if lines else str(exc)
+def _detail(exc: BaseException, lines=()) -> str:
+    """Why EXC happened: the library's own lines when it logged any (they say
+    more than the fixed message of the exception), else the exception with
+    its notes."""
+    found = list(dict.fromkeys(lines))
+    if found:
+        return "; ".join(found)
+    notes = getattr(exc, "__notes__", None)
+    return f"{exc} ({'; '.join(notes)})" if notes else str(exc)
 
 
 def _short(name: str) -> str:
@@ -141,15 +140,20 @@ def _short(name: str) -> str:
     return name
 
 
-def open_source(source: str):
-    """A ZelDataSetReader over SOURCE with at least one dataset."""
+def open_source(source: str, writable: bool = False):
+    """A ZelDataSetReader over SOURCE with at least one dataset.
+
+    An HDF5 source is opened for reading only unless the command writes back
+    into it, so a write-protected file or one open in another program can
+    still be listed, exported and plotted.
+    """
     import zelpy
 
     if not os.path.exists(source) and not glob.glob(source):
         raise CliError(f"{source}: no such file or directory")
     try:
         with _library_messages() as lines:
-            reader = zelpy.ZelDataSetReader(source)
+            reader = zelpy.ZelDataSetReader(source, read_only=not writable)
     except Exception as exc:  # the reader's own classes vary by source kind
         raise CliError(f"{source}: {_detail(exc, lines)}") from None
     if not reader.get_dataset_list():
@@ -210,6 +214,9 @@ def cmd_demo(args) -> int:
         if not args.no_plot:
             print("zelpy demo: matplotlib is not installed, so no plot is made "
                   "(pip install \"zelpy[demo]\")", file=sys.stderr)
+    if args.window > args.size:
+        raise CliError(f"window {args.window} is larger than the grid ({args.size}x{args.size} "
+                       "points); use a smaller --window or a larger --size")
     series = demo.DemoSeries(size=args.size, steps=args.steps, seed=args.seed,
                              max_stress=args.stress)
     bar = _progress(series.steps, "demo", args.quiet)
@@ -249,9 +256,15 @@ def cmd_demo(args) -> int:
 
 # -------------------------------------------------------------------- info
 
+def _repeated_note(names: list[str], where: str) -> str:
+    one = len(names) == 1
+    return (f"note: {', '.join(names)} {'occurs' if one else 'occur'} more than once in "
+            f"{where}; the first {'' if one else 'of each '}is used, as by every look-up by name")
+
+
 def cmd_info(args) -> int:
     import numpy as np
-    from zelpy.export import valid_mask
+    from zelpy.export import repeated_variables, valid_mask
 
     reader = open_source(args.source)
     names = reader.get_dataset_list()
@@ -280,15 +293,22 @@ def cmd_info(args) -> int:
     if detail is not None:
         print(f"variables of [{names.index(detail_name)}] {_short(detail_name)}:")
         valid = valid_mask(detail)
-        vars_ = detail.variables()
-        values = detail.get_values(vars_) if vars_ else None
-        width = max((len(v) for v in vars_), default=4)
-        for v, desc, typ in zip(vars_, detail.variables_descriptions(),
+        # A repeated name is listed once, with its first variable: the one
+        # get_values and every other look-up by name reach.
+        listed = {}
+        for v, desc, typ in zip(detail.variables(), detail.variables_descriptions(),
                                 detail.variables_types()):
+            listed.setdefault(v, (desc, typ))
+        values = detail.get_values(list(listed)) if listed else None
+        width = max((len(v) for v in listed), default=4)
+        for v, (desc, typ) in listed.items():
             col = values[v][valid] if valid.any() else values[v]
             lo, hi = (float(np.min(col)), float(np.max(col))) if col.size else (0.0, 0.0)
             print(f"  {v:<{width}}  {typ.name:<19} {desc!r:<28} "
                   f"[{lo:.6g}, {hi:.6g}]")
+        repeated = repeated_variables(detail)
+        if repeated:
+            print("  " + _repeated_note(repeated, "this dataset"))
     return _finish("info", failed, len(names))
 
 
@@ -303,23 +323,42 @@ def _strain_options(args) -> dict:
                 output_gradient=args.gradient)
 
 
+def _window_problem(ds, window: int) -> str | None:
+    """Why WINDOW makes no sense on the grids of DS, or None.
+
+    The library clips the window at the grid border, so a window wider than
+    every grid quietly fits one plane to a whole AOI instead of smoothing.
+    """
+    grids = [(ds.data(n).num_rows(), ds.data(n).num_columns()) for n in range(ds.num_data())]
+    if grids and window > max(max(grid) for grid in grids):
+        sizes = ", ".join(f"{rows}x{columns}" for rows, columns in grids)
+        return (f"window {window} is larger than the grid ({sizes} points): the smoothing "
+                "would fit one plane to the whole AOI")
+    return None
+
+
 def _compute_strain(ds, options: dict) -> None:
     import zelpy
 
+    problem = _window_problem(ds, options["window_size"])
+    if problem:
+        raise DatasetError(f"{ds.file_name()}: {problem}")
     opts = dict(options)
     opts["tensor_type"] = getattr(zelpy.TensorType, opts.pop("tensor"))
     with _library_messages() as lines:
         try:
             ds.compute_strain(**opts)
         except Exception as exc:
-            error = _detail(exc, lines) if lines else str(exc)
-            raise DatasetError(f"{ds.file_name()}: strain failed: {error}") from None
+            raise DatasetError(f"{ds.file_name()}: strain failed: "
+                               f"{_detail(exc, lines)}") from None
 
 
 def _worker_init() -> None:
     # Ctrl-C is the parent's business: it stops handing out work and lets
     # the workers finish or be dropped; they never write files.
     signal.signal(signal.SIGINT, signal.SIG_IGN)
+    import zelpy
+    zelpy.set_log_severity(0)   # as in main: the lines come back folded in
 
 
 def _strain_job(name: str, raw: bytes, options: dict):
@@ -337,6 +376,25 @@ def _strain_job(name: str, raw: bytes, options: dict):
     return name, True, ds.export_raw()
 
 
+def _output_directory(path: str, what: str) -> None:
+    """Make sure PATH is a directory to write into, creating a new one.
+
+    A new name with a suffix (result.txt, run.h6) is more likely a mistyped
+    file name than a wanted directory, so it is refused rather than created.
+    """
+    if os.path.isdir(path):
+        return
+    if os.path.exists(path):
+        raise CliError(f"{path}: {what}")
+    if os.path.splitext(os.path.basename(os.path.normpath(path)))[1]:
+        raise CliError(f"{path}: {what} (a new directory is not made for a name with a "
+                       "suffix; create it first to use this name)")
+    try:
+        os.makedirs(path)
+    except OSError as exc:
+        raise CliError(f"{path}: cannot create the directory: {exc.strerror}") from None
+
+
 def _make_writer(reader, dest: str | None):
     """A function that stores a dataset: in place, or under DEST."""
     import zelpy
@@ -348,9 +406,7 @@ def _make_writer(reader, dest: str | None):
             ds.save(ds.file_name())
         return save
     if not dest.endswith(".h5"):
-        if os.path.exists(dest) and not os.path.isdir(dest):
-            raise CliError(f"{dest}: the destination must be a directory or an .h5 file")
-        os.makedirs(dest, exist_ok=True)
+        _output_directory(dest, "the destination must be a directory or an .h5 file")
     else:
         parent = os.path.dirname(os.path.abspath(dest))
         if not os.path.isdir(parent):
@@ -378,10 +434,18 @@ def _store(save, ds, name: str) -> None:
 def cmd_strain(args) -> int:
     import zelpy
 
-    reader = open_source(args.source)
+    reader = open_source(args.source, writable=args.output is None)
     names = list(reader.get_dataset_list())
-    save = _make_writer(reader, args.output)
     options = _strain_options(args)
+    # A window that does not fit the grid is a mistake on the command line:
+    # say so before anything is written (each dataset is checked again).
+    try:
+        problem = _window_problem(load_dataset(reader, names[0]), args.window)
+    except DatasetError:
+        problem = None   # reported with the others in the loop
+    if problem:
+        raise CliError(problem)
+    save = _make_writer(reader, args.output)
     total = len(names)
     failed = done = 0
     bar = _progress(total, "strain", args.quiet)
@@ -495,7 +559,8 @@ def cmd_convert(args) -> int:
 def _selected(reader, indices) -> list[str]:
     if not indices:
         return list(reader.get_dataset_list())
-    return [_pick(reader, i) for i in indices]
+    # -d 2 -d -1 on three datasets names one of them twice: written once.
+    return list(dict.fromkeys(_pick(reader, i) for i in indices))
 
 
 def cmd_export(args) -> int:
@@ -505,17 +570,25 @@ def cmd_export(args) -> int:
     reader = open_source(args.source)
     names = _selected(reader, args.dataset)
     outdir = args.output or _source_dir(reader, args.source)
-    os.makedirs(outdir, exist_ok=True)
+    _output_directory(outdir, "the output must be a directory")
     ext = "." + args.format
     written, failed = [], 0
-    variables = args.variables
+    variables = list(dict.fromkeys(args.variables)) if args.variables else None
+    noted = False
     bar = _progress(len(names), "export", args.quiet)
     try:
         for name in names:
             try:
                 ds = load_dataset(reader, name)
+                repeated = export.repeated_variables(ds)
+                if repeated and not noted and (variables is None or set(repeated) & set(variables)):
+                    # Said once: a series computed this way repeats them everywhere.
+                    shown = [v for v in repeated if variables is None or v in variables]
+                    _say(f"zelpy export: {_repeated_note(shown, _short(name))} "
+                         "(noted for the first dataset only)")
+                    noted = True
                 if variables is None:
-                    variables = ds.variables()
+                    variables = list(dict.fromkeys(ds.variables()))
                 elif not written and not failed:
                     # A misspelt variable is a mistake on the command line,
                     # not a problem of one dataset: stop before writing.
@@ -571,6 +644,14 @@ def cmd_plot(args) -> int:
         import matplotlib  # noqa: F401
     except ImportError:
         raise CliError("plotting needs matplotlib: pip install \"zelpy[demo]\"") from None
+    directory = None
+    if args.output is not None and os.path.isdir(args.output):
+        directory, args.output = args.output, None
+    elif args.output is not None:
+        try:
+            export.plot_format(args.output)
+        except ValueError as exc:
+            raise CliError(str(exc)) from None
     reader = open_source(args.source)
     name = _pick(reader, args.dataset)
     try:
@@ -581,13 +662,15 @@ def cmd_plot(args) -> int:
         export.check_variables(ds, [args.variable])
     except KeyError as exc:
         raise CliError(exc.args[0]) from None
+    if args.variable in export.repeated_variables(ds):
+        _say(f"zelpy plot: {_repeated_note([args.variable], _short(name))}")
     out = args.output
     if out is None:
         stem = os.path.splitext(os.path.basename(
             name.split(":out:")[0]))[0]
         if ":out:" in name:
             stem += "-" + name.split(":out:")[1]
-        out = f"{stem}_{args.variable}.png"
+        out = os.path.join(directory or "", f"{stem}_{args.variable}.png")
     try:
         with _library_messages() as lines:
             export.plot_variable(ds, args.variable, out, size=args.size,
@@ -644,13 +727,22 @@ def _window(text: str) -> int:
     return value
 
 
-def _fps(text: str) -> float:
+def _positive_float(text: str) -> float:
     try:
         value = float(text)
     except ValueError:
         raise argparse.ArgumentTypeError(f"invalid number: '{text}'")
     if not value > 0:
         raise argparse.ArgumentTypeError(f"must be positive, got {text}")
+    return value
+
+
+def _stress(text: str) -> float:
+    value = _positive_float(text)
+    # The summary compares with the closed form at the remote stress: an
+    # unloaded or unbounded plate has nothing to compare.
+    if not math.isfinite(value):
+        raise argparse.ArgumentTypeError(f"must be a finite number, got {text}")
     return value
 
 
@@ -692,7 +784,7 @@ def build_parser() -> argparse.ArgumentParser:
                    help="grid points per side (default 201)")
     p.add_argument("--window", type=_window, default=15,
                    help="strain smoothing window (default 15)")
-    p.add_argument("--stress", type=float, default=100.0,
+    p.add_argument("--stress", type=_stress, default=100.0,
                    help="remote stress of the last dataset in MPa (default 100)")
     p.add_argument("--seed", type=int, default=1, help="seed of the measurement noise")
     p.add_argument("--no-plot", action="store_true", help="skip the PNG")
@@ -768,8 +860,10 @@ def build_parser() -> argparse.ArgumentParser:
                                    "one dataset, with a colour bar in the variable's unit.")
     p.add_argument("source", metavar="SOURCE", help=SOURCE_HELP)
     p.add_argument("-v", "--variable", required=True, metavar="VAR")
-    p.add_argument("-o", "--output", metavar="FILE.png",
-                   help="PNG to write (default: ./<dataset>_<VAR>.png)")
+    p.add_argument("-o", "--output", metavar="FILE",
+                   help="image to write, in the format its suffix names (.png, .pdf, "
+                        ".svg, .eps, .jpg, .tif, .webp); a directory takes the default "
+                        "name (default: ./<dataset>_<VAR>.png)")
     p.add_argument("-d", "--dataset", type=int, default=-1, metavar="INDEX",
                    help="dataset to plot (default -1, the last)")
     p.add_argument("--size", type=_size, default=(1000, 800), metavar="WxH",
@@ -784,7 +878,7 @@ def build_parser() -> argparse.ArgumentParser:
     p.add_argument("source", metavar="SOURCE", help=SOURCE_HELP)
     p.add_argument("--port", type=_port, default=20020, help="TCP port (default 20020; 0 picks one)")
     p.add_argument("--host", default="127.0.0.1", help="address to listen on (default 127.0.0.1)")
-    p.add_argument("--fps", type=_fps, default=None,
+    p.add_argument("--fps", type=_positive_float, default=None,
                    help="datasets per second (default: as fast as the client reads)")
     p.add_argument("--loop", action="store_true", help="start over after the last dataset")
     p.set_defaults(func=cmd_serve)
@@ -801,6 +895,20 @@ def _version() -> str:
 
 def main(argv=None) -> int:
     args = build_parser().parse_args(argv)
+    import zelpy
+
+    # Every problem is reported as one line of the command's own, with the
+    # library's explanation folded in (see _library_messages); its console
+    # lines would only repeat that.
+    severity = zelpy.log_severity()
+    zelpy.set_log_severity(0)
+    try:
+        return _run(args)
+    finally:
+        zelpy.set_log_severity(severity)
+
+
+def _run(args) -> int:
     try:
         return args.func(args)
     except CliError as exc:

@@ -78,6 +78,26 @@ def positions(ds) -> tuple[np.ndarray, tuple[str, str]]:
     raise ValueError("the dataset has no point coordinates (X/Y, x_c/y_c or x/y)")
 
 
+def repeated_variables(ds) -> list[str]:
+    """Variable names that occur more than once in the dataset, in order.
+
+    A dataset can hold a second variable of the same name (strain computed
+    again without reusing the variables, for example); look-ups by name,
+    and so everything here, reach only the first of them.
+    """
+    names = ds.variables()
+    seen, repeated = set(), {}
+    for name in names:
+        if name in seen:
+            repeated[name] = None
+        seen.add(name)
+    return list(repeated)
+
+
+def _unique(variables) -> list[str]:
+    return list(dict.fromkeys(variables))
+
+
 def check_variables(ds, variables) -> None:
     """Fail with one readable message when a variable is not in the dataset."""
     have = ds.variables()
@@ -91,8 +111,9 @@ def write_csv(ds, path: str, variables, all_points: bool = False) -> int:
 
     Invalid points are left out unless `all_points`. Floats are written with
     nine significant digits, which round-trips every float32 exactly.
-    Returns the number of rows written.
+    Returns the number of rows written. A name given twice is written once.
     """
+    variables = _unique(variables)
     check_variables(ds, variables)
     blocks = []
     for n in range(ds.num_data()):
@@ -146,6 +167,7 @@ def write_vtu(ds, path: str, variables) -> tuple[int, int]:
     every chosen variable becomes a point-data array. Returns
     (points, cells).
     """
+    variables = _unique(variables)
     check_variables(ds, variables)
     pts, _ = positions(ds)
     valid = valid_mask(ds)
@@ -208,10 +230,31 @@ def _atomic_write(path: str, fill, binary: bool = False) -> None:
                   **({} if binary else {"encoding": "utf-8"})) as f:
             fill(f)
         os.replace(tmp, path)
-    except BaseException:
+    except BaseException as exc:
         if os.path.exists(tmp):
             os.remove(tmp)
+        if isinstance(exc, OSError) and exc.errno is not None:
+            # The temporary name means nothing to the user: name the target.
+            raise OSError(exc.errno, exc.strerror, path) from None
         raise
+
+
+# Image formats of plot_variable by file name suffix. Raster images get
+# exactly the requested size in pixels, vector ones that size at 100 dpi.
+PLOT_FORMATS = {".png": "png", ".pdf": "pdf", ".svg": "svg", ".eps": "eps", ".ps": "ps",
+                ".jpg": "jpeg", ".jpeg": "jpeg", ".tif": "tiff", ".tiff": "tiff",
+                ".webp": "webp"}
+
+
+def plot_format(path: str) -> str:
+    """The image format that the suffix of `path` names (ValueError if none)."""
+    suffix = os.path.splitext(path)[1]
+    try:
+        return PLOT_FORMATS[suffix.lower()]
+    except KeyError:
+        what = f"'{suffix}' is not an image format" if suffix else "no image format suffix"
+        raise ValueError(f"{path}: {what}; use one of "
+                         f"{', '.join(PLOT_FORMATS)}") from None
 
 
 def plot_variable(ds, variable: str, path: str, title: str | None = None,
@@ -219,7 +262,9 @@ def plot_variable(ds, variable: str, path: str, title: str | None = None,
                   levels: int = 24) -> None:
     """Filled contour plot of one variable over the dataset's triangulation.
 
-    The PNG is exactly `size` pixels, so it can go straight into a report.
+    The format follows the suffix of `path` (PLOT_FORMATS: PNG, PDF, SVG ...;
+    ValueError for any other). Raster images are exactly `size` pixels, so
+    they can go straight into a report.
     """
     import matplotlib
     matplotlib.use("Agg", force=False)
@@ -228,6 +273,7 @@ def plot_variable(ds, variable: str, path: str, title: str | None = None,
     from matplotlib.ticker import MaxNLocator
     from matplotlib.tri import Triangulation
 
+    image_format = plot_format(path)
     check_variables(ds, [variable])
     descr = dict(zip(ds.variables(), ds.variables_descriptions()))
     triangles = np.asarray(ds.triangulation(), dtype=np.int64).reshape(-1, 3)
@@ -255,5 +301,5 @@ def plot_variable(ds, variable: str, path: str, title: str | None = None,
     ax.set_xlabel(xlabel)
     ax.set_ylabel(ylabel)
     ax.set_title(title or f"{variable}: {os.path.basename(ds.file_name() or '')}")
-    _atomic_write(path, lambda f: fig.savefig(f, format="png", dpi=dpi),
+    _atomic_write(path, lambda f: fig.savefig(f, format=image_format, dpi=dpi),
                   binary=True)

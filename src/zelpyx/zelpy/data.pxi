@@ -597,7 +597,29 @@ cdef class ZelDataSet:
     # ---------------------------------------------------------- analysis
 
     def smooth(self, str variable, int window_size=15, bint weighted=True):
-        """Applies smoothing to a variable"""
+        """Applies smoothing to a variable
+
+        Every value of ``variable`` is replaced, in every grid AOI, by the
+        value at the centre of a plane fitted by weighted least squares to
+        the valid points (confidence >= 0) of a ``window_size`` x
+        ``window_size`` window around it. The window is clipped at the grid
+        border, not mirrored; a plane stays exactly unchanged.
+
+        Args:
+            variable: name of the variable (the first of that name in each
+                AOI); its unit is kept.
+            window_size: window width in grid points, odd (an even size
+                uses the next odd one); at least 1.
+            weighted: Gaussian-like weights exp(-6.283 (i**2 + j**2) / N**2)
+                over the offsets i, j of a window of N points; equal weights
+                when False.
+
+        Invalid points, and points whose window holds no slope information
+        (a window of 1, valid points on one line), get 0. Raises ValueError
+        "Error in smooth variable." for an unknown variable, an AOI without
+        a confidence variable, an AOI whose variables do not fill its grid
+        (see ZelData.grid_is_consistent) or a window below 1.
+        """
         self.__check_thisptr()
         _dataset_smooth(self, variable, window_size, weighted)
 
@@ -605,7 +627,62 @@ cdef class ZelDataSet:
                        bint compute_principal_strain=True, bint reuse_variables=True,
                        bint weighted_filter=True, bint compute_tresca=False,
                        bint compute_von_mises=False, bint output_gradient=False):
-        """Computes the strain over all AOIs in the dataset."""
+        """Computes the strain over all AOIs in the dataset.
+
+        The strain of a valid point is the mean of the strains of the (up to
+        four) triangles it forms with its valid grid neighbours, each
+        triangle flattened into its own plane, so rigid motion gives no
+        strain; the point values are then smoothed as :meth:`smooth` does.
+        Positions and displacements are X, Y, Z and U, V, W, or the planar
+        x_c, y_c / u_c, v_c, or the pixel x, y / u, v (the first complete
+        set). A valid point without a usable triangle is marked invalid
+        (confidence -1).
+
+        Args:
+            window_size: smoothing window in grid points, odd (an even size
+                uses the next odd one); below 3 fails.
+            tensor_type: a TensorType: Lagrange, Hencky, Euler-Almansi,
+                logarithmic Euler, engineering or Biot strain.
+            compute_principal_strain: also compute e1, e2 and gamma.
+            reuse_variables: update the strain variables of these names
+                that exist already; False adds a new set, whose names then
+                repeat (look-ups by name reach the first).
+            weighted_filter: Gaussian-like weights in the smoothing window;
+                equal weights when False.
+            compute_tresca: also compute e_tresca.
+            compute_von_mises: also compute e_vonmises.
+            output_gradient: also store the smoothed displacement gradient
+                H = F - I as fxx (dx'/dx - 1), fxy (dx'/dy), fyx (dy'/dx),
+                fyy (dy'/dy - 1).
+
+        Outputs, variables of kind Strain in every grid AOI, dimensionless
+        (unit [1]) unless stated:
+
+        - exx, eyy: normal strains; exy: shear strain, the tensor component
+          (half the engineering shear strain), and for EngineeringStrain the
+          shear angle in radians.
+        - e1, e2: major and minor principal strain (e1 >= e2).
+        - gamma: angle in radians, in (-pi/2, pi/2], from the x axis to
+          the direction of e1, positive towards the y axis.
+        - e_tresca: the maximum shear strain, (e1 - e2) / 2 when
+          e1 > 0 > e2, else the larger of e1 / 2 and -e2 / 2 (for
+          EngineeringStrain with exy taken as a tensor component).
+        - e_vonmises: (2/3) sqrt(e1**2 - e1 e2 + e2**2).
+
+        Sign convention: x and y are the axes of the specimen's surface,
+        with y pointing against the direction in which the grid rows
+        advance (up the image, as measured grids run). With world
+        coordinates whose +Y points up the image, exy is the usual
+        (dU/dY + dV/dX) / 2 and gamma counts counter-clockwise from +X; with
+        pixel coordinates (y down the image), or a grid whose rows advance
+        along +Y, exy and gamma change sign.
+
+        Invalid points get 0 in e1, e2, gamma, e_tresca and e_vonmises.
+        Raises ValueError "Error in calculating strain." when an AOI fails
+        (window below 3, no confidence variable, no complete coordinate
+        set, variables that do not fill the grid); AOIs before it keep their
+        results.
+        """
         self.__check_thisptr()
         _dataset_compute_strain(self, window_size, tensor_type, compute_principal_strain,
                                 reuse_variables, weighted_filter, compute_tresca,
@@ -614,8 +691,26 @@ cdef class ZelDataSet:
     def triangulation(self, int sub_sample=1):
         """Returns a triangulation for the dataset.
 
+        Every grid cell whose corners are valid (confidence >= 0) gives one
+        or two triangles (one when only three corners are valid), all wound
+        the same way. Only grid AOIs with variables "x" and "y" and a
+        confidence variable are meshed.
+
+        Args:
+            sub_sample: 1 to 4; mesh every sub_sample-th row and column
+                (coarser meshes for large datasets). ValueError
+                "sub_sample must be in range [1,4], got <n>" otherwise.
+
         Returns:
             A n-by-3 numpy array of triangle indices, where n is the number of triangles.
+            The indices are uint32 indices into the records of
+            :meth:`get_values` (all AOIs concatenated, AOI 0 first; point
+            row * columns + column of AOI k follows the points of AOIs
+            0 .. k-1).
+
+        Raises ValueError "Error in calculating triangulation." when an AOI's
+        variables do not fill its grid (see ZelData.grid_is_consistent): its
+        indices, and those of every AOI after it, would be wrong.
         """
         self.__check_thisptr()
         return _dataset_triangulation(self, sub_sample)
@@ -660,3 +755,27 @@ def set_log_severity(int severity):
 def log_severity():
     """The most verbose severity the library currently writes."""
     return <int>nimbra.log_max_severity()
+
+
+def log_error_count():
+    """How many error messages the library has logged on this thread so far.
+
+    Take it before a call and pass it to :func:`log_errors_since` after a
+    failure to learn the library's own explanation (for example "Could not
+    find coordinates for strain computation." behind "Error in calculating
+    strain.").
+    """
+    return nimbra.log_thread_error_count()
+
+
+def log_errors_since(count):
+    """The library's error messages logged on this thread after ``count``
+    (a :func:`log_error_count`), oldest first, at most the last 16.
+
+    Kept whatever the log severity, so they are there even when standard
+    error is silenced with ``set_log_severity(0)``; messages of other threads
+    never appear.
+    """
+    cdef uint64_t mark = count
+    cdef string line
+    return [_str(line) for line in nimbra.log_thread_errors_since(mark)]

@@ -56,6 +56,23 @@ def _load_dataset(str name):
     return dataset
 
 
+def _hdf5_open_failure(str path, bint read_only, bint opened, exc):
+    """Why the reader could not list the HDF5 file ``path``, in one line."""
+    if opened:
+        return str(exc) if isinstance(exc, ValueError) else "The group 'out' cannot be listed."
+    if not read_only:
+        # Opened for writing; when it opens for reading, being write-protected
+        # or open elsewhere is what stood in the way.
+        try:
+            _h5py().File(path, "r").close()
+        except Exception:
+            pass
+        else:
+            return ("The file must be writable and not open in another program: the reader "
+                    "opens HDF5 files for writing (read_only=True only reads them).")
+    return "The file cannot be read: " + re.sub(r"^\[Errno \d+\] ", "", str(exc))
+
+
 def _project_data_files(str project):
     """The data-file entries of a project archive (".z3d" or ".z2d")."""
     if not os.path.isfile(project):
@@ -80,7 +97,9 @@ class ZelDataSetReader:
     datasets one at a time (nothing is cached).
     """
 
-    def __init__(self, source):
+    def __init__(self, source, *, read_only=False):
+        """``read_only`` opens an HDF5 source (or the HDF5 file a project
+        names) for reading only, see :meth:`load_from_hdf5`."""
         self.__reset()
         if isinstance(source, (str, os.PathLike)):
             source = [source]
@@ -104,9 +123,9 @@ class ZelDataSetReader:
             else:
                 extension = os.path.splitext(path)[1]
                 if extension in _PROJECT_EXTENSIONS:
-                    self.load_from_project(path)
+                    self.load_from_project(path, read_only=read_only)
                 elif extension == ".h5":
-                    self.load_from_hdf5(path)
+                    self.load_from_hdf5(path, read_only=read_only)
                 elif extension == ".out":
                     self.dataset_list.append(path)
                 else:
@@ -135,26 +154,34 @@ class ZelDataSetReader:
             raise NameError("Cannot find path '" + directory + "'.")
         self.dataset_list = paths
 
-    def load_from_hdf5(self, str h5_file_name not None):
+    def load_from_hdf5(self, str h5_file_name not None, *, read_only=False):
         """List the members of the group "out" of an HDF5 file.
 
         The file is opened read-write so that a read-only or locked file is
-        reported here rather than on the first write-back.
+        reported here rather than on the first write-back. With ``read_only``
+        it is opened for reading only, so a write-protected file or one that
+        another program has open can be listed and read (writing back then
+        fails when it is tried). A failure raises NameError "Cannot open
+        <name>." with a note saying why.
         """
         self.__reset()
+        opened = False
         try:
-            with _h5py().File(h5_file_name, "r+") as h5_file:
+            with _h5py().File(h5_file_name, "r" if read_only else "r+") as h5_file:
+                opened = True
                 if "out" not in h5_file.keys():
                     raise ValueError(h5_file_name + " does not contain an 'out' group.")
                 self.h5_file_path = os.path.abspath(h5_file_name)
                 prefix = self.h5_file_path + _HDF5_MARK
                 self.dataset_list = [prefix + key for key in _hdf5_keys(h5_file["out"])]
                 self.dataset_list.sort()
-        except Exception:
+        except Exception as exc:
             self.__reset()
-            raise NameError("Cannot open " + h5_file_name + ".")
+            error = NameError("Cannot open " + h5_file_name + ".")
+            _add_note(error, _hdf5_open_failure(h5_file_name, read_only, opened, exc))
+            raise error from None
 
-    def load_from_project(self, str project not None):
+    def load_from_project(self, str project not None, *, read_only=False):
         """List the datasets a project names that exist on disk.
 
         Relative data-file entries are taken from the directory of the project
@@ -179,7 +206,7 @@ class ZelDataSetReader:
                 if (position >= 0 and
                         os.path.abspath(os.path.join(base, entry[:position])) == h5_path):
                     wanted.add(h5_path + entry[position:])
-            self.load_from_hdf5(h5_path)
+            self.load_from_hdf5(h5_path, read_only=read_only)
             self.dataset_list = sorted(wanted.intersection(self.dataset_list))
             return
 

@@ -54,7 +54,14 @@ cdef object _member_plan(object h5py, object file_id, str path, str key):
     except Exception:
         link = None
     if link is None:
-        raise ValueError(missing)
+        try:
+            keys = _hdf5_keys(h5py.Group(group))
+        except Exception:
+            keys = None
+        error = ValueError(missing)
+        if keys is not None:
+            _add_note(error, _keys_near(keys, key))
+        raise error
     if link.type == h5py.h5l.TYPE_EXTERNAL:
         _log_error(path + ":out:" + key + " is a link to another file, which is not followed.")
         raise ValueError(missing)
@@ -271,6 +278,27 @@ cdef _write_hdf5_member(str path, str key, bytes block, str name):
         raise OSError("Unable to save file: " + name) from None
     finally:
         handle.close()
+
+
+cdef str _keys_near(list keys, str index):
+    """The keys of the group "out" closest to a missing ``index``, as a note.
+
+    Writers keep the digits of the file name ("0007"), so "7" is usually
+    the right number spelt without its zeros: numeric keys are ranked by
+    their distance to the wanted number, others by their sorted position.
+    """
+    if not keys:
+        return "The group 'out' is empty."
+    keys.sort()
+    numeric = [key for key in keys if key.isdigit()]
+    if index.isdigit() and numeric:
+        near = sorted(sorted(numeric, key=lambda key: (abs(int(key) - int(index)), key))[:5])
+    else:
+        position = sum(1 for key in keys if key < index)
+        start = max(0, min(position - 2, len(keys) - 5))
+        near = keys[start:start + 5]
+    return ("Keys near '" + index + "': " + ", ".join("'" + key + "'" for key in near)
+            + " (" + str(len(keys)) + " in all).")
 
 
 cdef list _hdf5_keys(object group):

@@ -1,7 +1,7 @@
 # Declarations of the nimbra C++ API used by the zelpy module; the one place
 # where the module learns about the library.
 
-from libc.stdint cimport int32_t, int64_t, uint8_t, uint32_t
+from libc.stdint cimport int32_t, int64_t, intptr_t, uint8_t, uint32_t, uint64_t
 from libcpp cimport bool
 from libcpp.string cimport string
 from libcpp.vector cimport vector
@@ -23,6 +23,8 @@ cdef extern from "nimbra/log/Log.h" namespace "nimbra::log" nogil:
     void log_set_max_severity "nimbra::log::setMaxSeverity"(Severity) nogil
     Severity log_max_severity "nimbra::log::maxSeverity"() nogil
     void log_write "nimbra::log::write"(Severity, const string&) nogil
+    uint64_t log_thread_error_count "nimbra::log::threadErrorCount"() nogil
+    vector[string] log_thread_errors_since "nimbra::log::threadErrorsSince"(uint64_t) nogil
 
 
 # ---------------------------------------------------------------- data core
@@ -228,6 +230,82 @@ cdef extern from "nimbra/geometry/Fit.h" namespace "nimbra" nogil:
     void transformDataSet(ZelDataSet&, const RigidTransform&, bool, int32_t)
 
 
+
+cdef extern from "nimbra/geometry/SplineImageMap.h" namespace "nimbra" nogil:
+    cdef cppclass SplineImageMap:
+        SplineImageMap() except +
+        bool empty()
+        double originX()
+        double originY()
+        double spacingX()
+        double spacingY()
+        int32_t nx()
+        int32_t ny()
+        const vector[double]& dx()
+        const vector[double]& dy()
+    cdef cppclass optional_spline_image_map "std::optional<nimbra::SplineImageMap>":
+        bool has_value()
+        SplineImageMap& value()
+    optional_spline_image_map SplineImageMap_create "nimbra::SplineImageMap::create"(
+        double, double, double, double, int32_t, int32_t, vector[double], vector[double]) except +
+    double SplineImageMap_gradientBound "nimbra::SplineImageMap::gradientBound"(
+        double, double, int32_t, int32_t, const double*, const double*)
+
+
+cdef extern from "nimbra/geometry/Camera.h" namespace "nimbra" nogil:
+    cdef cppclass CameraDistortion "nimbra::Camera::Distortion":
+        CameraDistortion()
+        double& operator[](size_t)
+    cdef cppclass Camera:
+        Camera() except +
+        Camera(const Camera&) except +
+        Camera& assign "operator="(const Camera&) except +
+        const string& name()
+        void setName(const string&) except +
+        int32_t width()
+        int32_t height()
+        bool setImageSize(int32_t, int32_t)
+        double fx()
+        double fy()
+        double cx()
+        double cy()
+        double skew()
+        bool setIntrinsics(double, double, double, double, double)
+        const CameraDistortion& distortion()
+        bool setDistortion(const CameraDistortion&)
+        const Mat3& rotation()
+        const Vec3& translation()
+        bool setExtrinsics(const Mat3&, const Vec3&)
+        Vec3 centre()
+        const SplineImageMap& splineImageMap()
+        void setSplineImageMap(const SplineImageMap&)
+        bool isValid()
+
+
+cdef extern from "nimbra/geometry/StereoCalibration.h" namespace "nimbra" nogil:
+    cdef cppclass StereoCalibration:
+        StereoCalibration() except +
+        StereoCalibration(const StereoCalibration&) except +
+        StereoCalibration& assign "operator="(const StereoCalibration&) except +
+        int32_t numCameras()
+        Camera* camera(int32_t)
+        int32_t addCamera(const Camera&) except +
+        bool setCamera(int32_t, const Camera&) except +
+        bool removeCamera(int32_t)
+        void clear()
+        bool isValid()
+        const string& worldFrame()
+        void setWorldFrame(const string&) except +
+        double reprojectionRms()
+        double epipolarRms()
+        void setQuality(double, double)
+        bool projectPoints(int32_t, const double*, int64_t, double*) except + nogil
+        bool undistortPoints(int32_t, const double*, int64_t, bool, double*) except + nogil
+        bool distortPoints(int32_t, const double*, int64_t, bool, double*) except + nogil
+        bool triangulatePoints(const double*, const double*, int64_t, bool, double*, double*) except + nogil
+        bool stereoTransform(RigidTransform&)
+        bool projectionMatrix(int32_t, double*)
+
 # ------------------------------------------------------------------ data io
 
 cdef extern from "nimbra/io/DirectoryListing.h" namespace "nimbra":
@@ -238,3 +316,20 @@ cdef extern from "nimbra/io/DirectoryListing.h" namespace "nimbra":
         bool has_value()
         PathList& value()
     optional_path_list listDirectory(const string& directory, const string& suffix) except + nogil
+
+
+# ------------------------------------------------------------ real-time client
+
+cdef extern from "nimbra/io/SocketWatch.h" namespace "nimbra" nogil:
+    cdef enum class SocketWaitResult "nimbra::SocketWatch::Result":
+        Readable "nimbra::SocketWatch::Result::Readable"
+        Stopped "nimbra::SocketWatch::Result::Stopped"
+        TimedOut "nimbra::SocketWatch::Result::TimedOut"
+        Failed "nimbra::SocketWatch::Result::Failed"
+    cdef cppclass SocketWatch:
+        SocketWatch()
+        void stop()
+        bool stopped()
+        SocketWaitResult pollReadable(intptr_t fd, int sliceMs)
+        SocketWaitResult waitReadable(intptr_t fd, int timeoutMs)
+        int error()

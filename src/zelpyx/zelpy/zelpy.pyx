@@ -23,7 +23,7 @@ import threading
 import numpy as np
 cimport numpy as cnp
 
-from libc.stdint cimport int32_t, int64_t, uint8_t, uint32_t
+from libc.stdint cimport int32_t, int64_t, intptr_t, uint8_t, uint32_t, uint64_t
 from libc.string cimport memcpy
 from libcpp cimport bool as cbool
 from libcpp.string cimport string
@@ -92,13 +92,25 @@ cdef inline str _str(const string& text):
     return text.decode("utf-8", "replace")
 
 
+cdef object _add_note(exc, str note):
+    # Exception notes keep a fixed message intact while saying more; before
+    # Python 3.11 they are stored the same way but not printed.
+    try:
+        exc.add_note(note)
+    except AttributeError:
+        exc.__notes__ = getattr(exc, "__notes__", []) + [note]
+    return exc
+
+
 # --------------------------------------------------------------------- areas
 
 include "data.pxi"
 include "hdf5.pxi"
 include "analysis.pxi"
 include "geometry.pxi"
+include "calibration.pxi"
 include "polygon.pxi"
+include "archive.pxi"
 include "project.pxi"
 include "dataio.pxi"
 include "rtclient.pxi"
