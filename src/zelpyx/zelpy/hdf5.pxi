@@ -40,9 +40,10 @@ cdef object _refused(str path, str key, str why):
 
 
 cdef object _member_plan(object h5py, object file_id, str path, str key):
-    """How to read member ``key``: ("span", offset, size) when its bytes lie
-    in the file as they are, so they can be read straight into the
-    variables, or ("bytes", array) with the bytes read through HDF5."""
+    """How to read member ``key``: ("pieces", [(offset, length), ...]) when
+    its bytes lie in the file as they are (one piece, or one per run of
+    chunks), so they can be read straight into the variables, or ("bytes",
+    array) with the bytes read through HDF5."""
     missing = path + " does not contain 'out:" + key + "' dataset."
     try:
         group = h5py.h5g.open(file_id, b"out")
