@@ -344,6 +344,9 @@ bool smoothVariable(ZelData& data, const std::string& variable, int window, bool
     if (confIndex < 0) return false;
     const int index = data.variableIndex(variable);
     if (index < 0) return false;
+    // Rows and columns index the values below: they must be what the
+    // variables hold.
+    if (!requireConsistentGrid(data, "smoothVariable()")) return false;
     const int width = data.numColumns();
     const int height = data.numRows();
     const int size = data.matrixSize();

@@ -11,7 +11,7 @@ namespace {
 
 // Confidence of an AOI that can be meshed, or null.
 const float* meshConfidence(const ZelData& data, int subSample) {
-    if (subSample < 1 || data.gridKind() != 2) return nullptr;
+    if (subSample < 1 || data.gridKind() != 2 || !data.gridIsConsistent()) return nullptr;
     if (data.variableIndex("x") < 0 || data.variableIndex("y") < 0) return nullptr;
     const int32_t index = data.firstVariableOfType(Correlation);
     if (index < 0) return nullptr;
@@ -82,6 +82,14 @@ int64_t pointCount(const ZelData& data) {
     return static_cast<int64_t>(data.numRows()) * data.numColumns();
 }
 
+// Global indices are offsets into the values of all AOIs concatenated; one
+// AOI whose grid is not what its variables hold shifts every index after it.
+bool consistentGrids(const ZelDataSet& dataSet) {
+    for (int32_t i = 0; i < dataSet.numData(); ++i)
+        if (!requireConsistentGrid(*dataSet.data(i), "triangulation()")) return false;
+    return true;
+}
+
 }  // namespace
 
 int64_t maxTriangles(const ZelData& data, int subSample) {
@@ -113,6 +121,7 @@ int64_t triangulate(const ZelData& data, int subSample, std::vector<uint32_t>& o
 
 std::vector<uint32_t> triangulate(const ZelDataSet& dataSet, int subSample) {
     std::vector<uint32_t> out;
+    if (!consistentGrids(dataSet)) return out;
     out.reserve(3 * static_cast<size_t>(maxTriangles(dataSet, subSample)));
     uint32_t offset = 0;
     for (int32_t i = 0; i < dataSet.numData(); ++i) {
@@ -124,6 +133,8 @@ std::vector<uint32_t> triangulate(const ZelDataSet& dataSet, int subSample) {
 
 GridTriangulation::GridTriangulation(const ZelDataSet& dataSet, int subSample, int workers)
     : subSample_(subSample), workers_(resolveWorkerCount(workers)) {
+    valid_ = consistentGrids(dataSet);
+    if (!valid_) return;
     // Bands of this many cell rows: enough of them to spread over the workers,
     // each large enough that a band's bookkeeping does not matter.
     constexpr int64_t kBandRows = 32;
