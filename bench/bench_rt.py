@@ -11,10 +11,14 @@ with the client) and serves data files from memory. Figures:
    data, so no decoding is involved); equal figures mean receiving costs
    O(message size). The same for a plain socket and for a listener that
    concatenates and slices a bytes object, for contrast.
-3. The cost of the listener's polling loop: how much a connected but idle
-   client slows CPU-bound numpy work on the main thread.
+3. The cost of an idle connected client to CPU-bound work on the main
+   thread (pure Python, short and long numpy calls), against the same work
+   with no client, run interleaved: the client with its default polling wait
+   and with idle_wait=False, and for contrast the polling loop written in
+   Python (select on reading and writing, no timeout), which holds the
+   interpreter lock while it polls.
 
-Usage: python bench/bench_rt.py [--quick]
+Usage: python bench/bench_rt.py [--quick] [--idle-only]
 """
 
 import argparse
@@ -303,55 +307,161 @@ def linearity(tmp, repeats):
           "(fresh memory for every large str)" % (1e3 * small, 1e3 * large))
 
 
-def numpy_work(kind):
-    if kind == "small arrays":
-        # Many short numpy calls: the main thread holds the GIL almost all the time.
-        a = np.linspace(0.0, 1.0, 64)
-        t0 = time.perf_counter()
-        for _ in range(600000):
-            a = np.sin(a) * 0.5 + 0.25
-        return time.perf_counter() - t0
-    # Few long calls that release the GIL inside numpy.
-    a = np.linspace(0.0, 1.0, 4_000_000)
+WORKLOADS = ("pure Python", "small numpy arrays", "large numpy arrays")
+
+
+def waits_of_this_thread():
+    """How often this thread has blocked so far (Linux; None elsewhere). A
+    thread that computes without I/O blocks only when it has to hand the
+    interpreter lock to another thread and wait to get it back."""
+    try:
+        with open("/proc/thread-self/status") as status:
+            for line in status:
+                if line.startswith("voluntary_ctxt_switches:"):
+                    return int(line.split()[1])
+    except OSError:
+        pass
+    return None
+
+
+def main_thread_work(kind):
+    """About a third of a second of CPU-bound work on the calling thread:
+    its seconds and how often it had to wait for the interpreter lock.
+    Short runs, many of them: the best of many is what a quiet moment of a
+    shared machine gives."""
+    w0 = waits_of_this_thread()
     t0 = time.perf_counter()
-    for _ in range(40):
-        a = np.sin(a) * 0.5 + 0.25
-    return time.perf_counter() - t0
+    if kind == "pure Python":
+        # Holds the interpreter lock all the time: the case a listener that
+        # also wants the lock hurts most.
+        total = 0
+        for i in range(2_000_000):
+            total += i * i % 7
+    elif kind == "small numpy arrays":
+        # Many short numpy calls: the lock is held almost all the time.
+        a = np.linspace(0.0, 1.0, 64)
+        for _ in range(100000):
+            a = np.sin(a) * 0.5 + 0.25
+    else:
+        # Few long calls that release the lock inside numpy.
+        a = np.linspace(0.0, 1.0, 4_000_000)
+        for _ in range(8):
+            a = np.sin(a) * 0.5 + 0.25
+    elapsed = time.perf_counter() - t0
+    w1 = waits_of_this_thread()
+    return elapsed, (None if w0 is None else (w1 - w0) / elapsed)
+
+
+class PythonPollingListener:
+    """The protocol's client loop written in Python: select on reading and
+    writing without a timeout, holding the interpreter lock while it polls.
+    This is how the listener waited before it moved its wait out of the lock."""
+
+    def __init__(self, port):
+        import select
+        self.sock = socket.create_connection(("127.0.0.1", port))
+        self.sock.setblocking(False)
+        self.running = True
+
+        def loop():
+            while self.running:
+                readable, _, _ = select.select([self.sock], [self.sock], [])
+                if readable:
+                    try:
+                        if not self.sock.recv(1000000):
+                            return
+                    except BlockingIOError:
+                        pass
+
+        self.thread = threading.Thread(target=loop, daemon=True)
+        self.thread.start()
+
+    def close(self):
+        self.running = False
+        self.thread.join()
+        self.sock.close()
+
+
+CONTENDERS = {
+    "no client": None,
+    "Python select loop": PythonPollingListener,
+    "RTClient()": lambda port: connected(RTClient("127.0.0.1", port)),
+    "RTClient(idle_wait=False)": lambda port: connected(RTClient("127.0.0.1", port, idle_wait=False)),
+}
+
+
+def connected(client):
+    client.connect()
+    client.close = client.disconnect
+    return client
 
 
 def idle_cost(tmp, repeats):
+    """Slowdown of main-thread work by a connected client that receives
+    nothing, against the same work with no client, runs interleaved."""
     listener = socket.socket()
     listener.bind(("127.0.0.1", 0))
-    listener.listen(1)
+    listener.listen(4)
     port = listener.getsockname()[1]
     try:
-        for kind in ("small arrays", "large arrays"):
-            alone = min(numpy_work(kind) for _ in range(repeats))
-            client = RTClient("127.0.0.1", port)
-            client.connect()
-            conn, _ = listener.accept()
-            try:
-                with_client = min(numpy_work(kind) for _ in range(repeats))
-                c0 = time.process_time()
-                time.sleep(1.0)
-                idle_cpu = time.process_time() - c0
-            finally:
-                client.disconnect()
-                conn.close()
-            print("numpy on the main thread (%s): alone %.3f s, with an idle connected client "
-                  "%.3f s, slowdown x%.2f; the idle listener alone uses %.0f%% of a core"
-                  % (kind, alone, with_client, with_client / alone, 100 * idle_cpu))
+        for kind in WORKLOADS:
+            times = {name: [] for name in CONTENDERS}
+            waits = {name: [] for name in CONTENDERS}
+            cpu = {name: 0.0 for name in CONTENDERS}
+            for _ in range(repeats):
+                for name, make in CONTENDERS.items():
+                    try:
+                        contender = make(port) if make else None
+                    except TypeError:
+                        # A build without the keyword: measured without it.
+                        times.pop(name, None)
+                        continue
+                    conn = listener.accept()[0] if make else None
+                    try:
+                        elapsed, rate = main_thread_work(kind)
+                        times[name].append(elapsed)
+                        waits[name].append(rate)
+                        c0 = time.process_time()
+                        time.sleep(0.2)
+                        cpu[name] += (time.process_time() - c0) / 0.2 / repeats
+                    finally:
+                        if contender is not None:
+                            contender.close()
+                            conn.close()
+            alone = times["no client"]
+            print("main thread, %s: alone %.3f s (best of %d), waits for the lock %s/s"
+                  % (kind, min(alone), repeats, median_text(waits["no client"])))
+            for name in [name for name in CONTENDERS if name in times][1:]:
+                # Each run against the run without a client just before it:
+                # both saw about the same load from the rest of the machine.
+                pairs = sorted(t / a for t, a in zip(times[name], alone))
+                print("  with an idle %-26s slowdown x%.3f best of each, runs in pairs x%.3f "
+                      "median (x%.3f-x%.3f); main thread waits for the lock %s/s; "
+                      "process CPU when idle %3.0f%% of a core"
+                      % (name, min(times[name]) / min(alone), pairs[len(pairs) // 2], pairs[0],
+                         pairs[-1], median_text(waits[name]), 100 * cpu[name]))
     finally:
         listener.close()
+
+
+def median_text(values):
+    if any(v is None for v in values):
+        return "?"
+    return "%.0f" % sorted(values)[len(values) // 2]
 
 
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--quick", action="store_true", help="fewer and smaller runs")
+    parser.add_argument("--idle-only", action="store_true",
+                        help="only the cost of an idle client to the main thread")
     args = parser.parse_args()
     repeats = 1 if args.quick else 2
-    print("zelpy %s, python %s, %d CPUs" % (zelpy.__version__, sys.version.split()[0],
-                                            os.cpu_count()))
+    print("zelpy %s, python %s, %d CPUs, load average %.2f" % (
+        zelpy.__version__, sys.version.split()[0], os.cpu_count(), os.getloadavg()[0]))
+    if args.idle_only:
+        idle_cost(None, 11)
+        return
     with tempfile.TemporaryDirectory() as tmp:
         if args.quick:
             throughput(tmp, 1, 100, repeats)
@@ -360,7 +470,7 @@ def main():
             throughput(tmp, 1, 1000, repeats)
             throughput(tmp, 50, 50, repeats)
         linearity(tmp, repeats)
-        idle_cost(tmp, 3)
+        idle_cost(tmp, 11)
 
 
 if __name__ == "__main__":

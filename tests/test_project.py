@@ -1,10 +1,19 @@
+import functools
+import io
 import os
+import struct
+import tracemalloc
 import zipfile
 
 import pytest
 from lxml import etree
 
 from zelpy import AOIPolygon, ProjectFile
+from zelpyx.zelpy import zelpy as compiled
+
+MiB = 1 << 20
+COMPRESSED = {"deflate": zipfile.ZIP_DEFLATED, "bzip2": zipfile.ZIP_BZIP2,
+              "lzma": zipfile.ZIP_LZMA}
 
 
 def write_archive(path, members):
@@ -257,3 +266,104 @@ def test_failed_save_keeps_the_previous_archive(project, tmp_path, monkeypatch):
     assert (tmp_path / "p.z3d").read_bytes() == before
     assert sorted(os.listdir(tmp_path)) == ["p.z3d"]
     assert ProjectFile(str(tmp_path / "p.z3d")).get_data_files() == ["kept.out"]
+
+
+
+CSV_ELEMENT = '<csvfile type="mirolet">prj:data.csv</csvfile>'
+
+
+def patch_member(path, member, field, value):
+    """Overwrite a 32-bit field of ``member`` (the CRC-32 or the uncompressed
+    size) in its local header and in its central directory entry."""
+    local, central = {"crc": (14, 16), "size": (22, 24)}[field]
+    data = bytearray(open(path, "rb").read())
+    with zipfile.ZipFile(path) as archive:
+        struct.pack_into("<I", data, archive.getinfo(member).header_offset + local, value)
+    entry = data.rfind(b"PK\x01\x02")
+    while data[entry + 46:entry + 46 + len(member)] != member.encode():
+        entry = data.rfind(b"PK\x01\x02", 0, entry)
+    struct.pack_into("<I", data, entry + central, value)
+    open(path, "wb").write(data)
+
+
+@pytest.mark.parametrize("method", [zipfile.ZIP_STORED, *COMPRESSED.values()],
+                         ids=["stored", *COMPRESSED])
+def test_members_of_every_method_read_back_exactly_and_damage_is_seen(tmp_path, method):
+    files = ["run/plate-%06d_0.out" % i for i in range(30000)]
+    body = "<files>{}{}</files>".format("".join("<datafile>%s</datafile>" % f for f in files),
+                                        CSV_ELEMENT)
+    rows = [("%.9f" % (i / 7), str(i * i)) for i in range(20000)]
+    path = str(tmp_path / "big.z3d")
+    with zipfile.ZipFile(path, "w", compression=method) as archive:
+        archive.writestr("project.xml", project_xml(tmp_path, body))
+        archive.writestr("data.csv", "t,n\n" + "".join("%s,%s\n" % row for row in rows))
+        infos = {info.filename: info for info in archive.infolist()}
+    # Several steps of decompression each (the CSV is read 64 KB at a time).
+    assert infos["project.xml"].file_size > MiB and infos["data.csv"].file_size > 400_000
+    project = ProjectFile(path)
+    assert project.get_data_files() == files
+    assert project.get_analog_data_csv() == {"header": ["t", "n"], "t": [t for t, _ in rows],
+                                             "n": [n for _, n in rows]}
+    # The data is checked against the directory at its end: a wrong CRC-32,
+    # or data one byte short of the declared size, is damage.
+    patch_member(path, "data.csv", "crc", infos["data.csv"].CRC ^ 1)
+    with pytest.raises(ValueError) as error:
+        ProjectFile(path).get_analog_data_csv()
+    assert str(error.value) == "Could not process " + path
+    patch_member(path, "data.csv", "crc", infos["data.csv"].CRC)
+    patch_member(path, "project.xml", "size", infos["project.xml"].file_size + 1)
+    with pytest.raises(ValueError) as error:
+        ProjectFile(path)
+    assert str(error.value) == "Could not process " + path
+
+
+@functools.lru_cache(maxsize=None)
+def bomb(member, method):
+    """An archive whose member (project.xml or the CSV) expands to 16 MB."""
+    stream = io.BytesIO()
+    with zipfile.ZipFile(stream, "w", compression=COMPRESSED[method]) as archive:
+        if member == "project.xml":
+            archive.writestr(member, "<project>" + " " * (16 * MiB) + "</project>")
+        else:
+            archive.writestr("project.xml", project_xml("/", "<files>" + CSV_ELEMENT + "</files>"))
+            archive.writestr(member, "a,b\n" + ("1" * 250 + "," + "2" * 250 + "\n") * 32 * 1024)
+    return stream.getvalue()
+
+
+@pytest.mark.parametrize("method", list(COMPRESSED))
+@pytest.mark.parametrize("member, declared", [
+    ("project.xml", 256 * MiB + 1),    # declared beyond the limit
+    ("data.csv", 1024 * MiB + 1),
+    ("project.xml", 300),              # declares little, expands to 16 MB
+    ("data.csv", 300),
+])
+def test_members_beyond_what_they_may_hold_are_refused_early(tmp_path, member, declared, method):
+    path = str(tmp_path / "bomb.z3d")
+    open(path, "wb").write(bomb(member, method))
+    patch_member(path, member, "size", declared)
+    tracemalloc.start()
+    try:
+        with pytest.raises(ValueError) as error:
+            ProjectFile(path).get_analog_data_csv()
+        peak = tracemalloc.get_traced_memory()[1]
+    finally:
+        tracemalloc.stop()
+    assert str(error.value) == "Could not process " + path
+    # Never the whole member at once: a step of output and the decompressor.
+    assert peak < 8 * MiB
+
+
+@pytest.mark.parametrize("size", [100, 101])
+def test_analog_csv_on_disk_is_held_to_the_limit(tmp_path, monkeypatch, size):
+    body = '<files><csvfile type="mirolet">analog/run.csv</csvfile></files>'
+    path = write_archive(tmp_path / "d.z3d", {"project.xml": project_xml(tmp_path, body)})
+    (tmp_path / "analog").mkdir()
+    (tmp_path / "analog" / "run.csv").write_bytes((b"x\n" + b"7\n" * 49).ljust(size, b"\n"))
+    monkeypatch.setattr(compiled, "_ANALOG_CSV_LIMIT", 100)
+    project = ProjectFile(path)
+    if size <= 100:
+        assert project.get_analog_data_csv() == {"header": ["x"], "x": ["7"] * 49}
+    else:
+        with pytest.raises(ValueError) as error:
+            project.get_analog_data_csv()
+        assert str(error.value) == "Could not process " + path

@@ -120,12 +120,13 @@ def register(client, received):
                             lambda i, text: received.put(("analog", i, text)))
 
 
-@pytest.fixture
-def make_client(received):
-    """Connected clients with both handlers, disconnected after the test."""
+@pytest.fixture(params=[True, False], ids=["polling", "idle_wait=False"])
+def make_client(received, request):
+    """Connected clients with both handlers, disconnected after the test; each
+    test runs with both ways of waiting for data."""
     with contextlib.ExitStack() as stack:
         def make(port):
-            client = stack.enter_context(RTClient("127.0.0.1", port))
+            client = stack.enter_context(RTClient("127.0.0.1", port, idle_wait=request.param))
             register(client, received)
             client.connect()
             return client
@@ -146,6 +147,7 @@ def assert_listener_ended(client, thread_errors, exc_class, message):
     error = thread_errors.get(timeout=TIMEOUT)
     assert type(error) is exc_class
     assert str(error) == message
+    assert client.error is error
     assert client.running is False and client.socket is None
     client.thread.join(TIMEOUT)
     assert not client.thread.is_alive()
@@ -210,6 +212,20 @@ def test_reconnect_restarts_the_count_and_the_context_manager_disconnects(peer, 
             raise KeyError("from the block")
     assert (client.running, client.socket, client.thread) == (False, None, None)
     assert not thread.is_alive()
+
+
+@pytest.mark.skipif(not os.path.isdir("/proc/self/fd"), reason="needs /proc/self/fd")
+def test_listener_follows_running_and_leaves_no_descriptor_open(peer, make_client, thread_errors):
+    before = set(os.listdir("/proc/self/fd"))
+    client = make_client(peer.port)
+    with peer():
+        thread = client.thread
+        client.running = False  # as a script may do instead of disconnecting
+        thread.join(TIMEOUT)
+        assert not thread.is_alive()
+        client.disconnect()
+    assert set(os.listdir("/proc/self/fd")) == before
+    assert thread_errors.empty() and client.error is None
 
 
 def test_disconnect_from_a_handler(client, conn, received):
@@ -299,9 +315,15 @@ LISTENER_ENDS = [
     # The peer hangs up after these.
     *[("closed after %d bytes" % n, frame(3, bytes(200))[:n], ConnectionError, MID_MESSAGE)
       for n in (3, 8, 108)],
-    # A corrupt length must not make the client allocate it before the data is there.
-    ("closed after a huge length", struct.pack("=II", 0xFFFFFFF0, 3) + bytes(3_000_000),
-     ConnectionError, MID_MESSAGE),
+    # Lengths a message cannot have are refused at their header, before any payload.
+    *[("%d announced" % n, struct.pack("=II", n, t) + bytes(1000), Exception,
+       "Message of %d bytes announced, more than the protocol allows; exiting." % n)
+      for n, t in ((1 << 31, 3), (0xFFFFFFFF, 6))],
+    ("unknown type of 1 GB", struct.pack("=II", 10 ** 9, 9), Exception,
+     "Unknown message type, exiting."),
+    # The buffer grows with what arrives, never with what a header announces.
+    *[("%d announced, closed after %d" % (n, sent), struct.pack("=II", n, 3) + bytes(sent),
+       ConnectionError, MID_MESSAGE) for n, sent in ((200_000_000, 100), ((1 << 31) - 1, 3_000_000))],
 ]
 
 
@@ -320,17 +342,23 @@ def test_listener_ends_on(client, conn, received, thread_errors, stream, exc_cla
         peak = tracemalloc.get_traced_memory()[1]
     finally:
         tracemalloc.stop()
-    assert peak < 100_000_000
+    assert peak < 16_000_000
     assert received.empty()
 
 
-def test_handler_exception_ends_the_listener(client, conn, thread_errors):
+def test_handler_exception_ends_the_listener_until_the_next_connect(client, conn, peer, received,
+                                                                    thread_errors):
     def broken(i, text):
         raise ZeroDivisionError("handler failed at " + text)
 
     client.register_handler(RTClientMessageType.ANALOG_DATA, broken)
     conn.sendall(frame(6, b"x"))
     assert_listener_ended(client, thread_errors, ZeroDivisionError, "handler failed at x")
+    register(client, received)
+    client.connect()
+    assert client.error is None
+    peer().sendall(frame(6, b"again"))
+    assert take(received) == ("analog", 0, "again")
 
 
 def test_server_closing_between_messages_ends_quietly(client, conn, received, thread_errors):
@@ -340,7 +368,7 @@ def test_server_closing_between_messages_ends_quietly(client, conn, received, th
     conn.close()
     thread.join(TIMEOUT)
     assert not thread.is_alive()
-    assert client.running is False and client.socket is None
+    assert client.running is False and client.socket is None and client.error is None
     assert thread_errors.empty()
 
 
@@ -356,7 +384,7 @@ def test_disconnect_while_data_is_flowing_raises_nothing(client, conn, received,
     client.disconnect()
     sender.join(TIMEOUT)
     assert not sender.is_alive()
-    assert thread_errors.empty()
+    assert thread_errors.empty() and client.error is None
 
 
 # ------------------------------------------------------- shipped server

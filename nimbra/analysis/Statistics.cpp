@@ -22,6 +22,12 @@ namespace {
 #else
 #define NIMBRA_VECTOR_CLONES
 #endif
+// Helpers of the vectorised loops must be inlined into them (into each clone).
+#if defined(__GNUC__)
+#define NIMBRA_ALWAYS_INLINE inline __attribute__((always_inline))
+#else
+#define NIMBRA_ALWAYS_INLINE inline
+#endif
 
 // Points are scanned in blocks of this many lanes, each lane keeping its own
 // running result, so that the loops have a fixed trip count the compiler
@@ -88,7 +94,7 @@ NIMBRA_VECTOR_CLONES void scanRange(const float* v, const float* conf, int64_t b
 // index, in one pass: each lane keeps its best value and the block where it
 // first saw it; index -1 when nothing counts.
 template <bool Largest>
-inline __attribute__((always_inline)) void scanExtreme(const float* v, const float* conf, int64_t begin,
+NIMBRA_ALWAYS_INLINE void scanExtreme(const float* v, const float* conf, int64_t begin,
                                                        int64_t end, float& value, int64_t& index) {
     const float worst = Largest ? -std::numeric_limits<float>::infinity()
                                 : std::numeric_limits<float>::infinity();

@@ -1,7 +1,7 @@
 # Declarations of the nimbra C++ API used by the zelpy module; the one place
 # where the module learns about the library.
 
-from libc.stdint cimport int32_t, int64_t, uint8_t, uint32_t, uint64_t
+from libc.stdint cimport int32_t, int64_t, intptr_t, uint8_t, uint32_t, uint64_t
 from libcpp cimport bool
 from libcpp.string cimport string
 from libcpp.vector cimport vector
@@ -359,3 +359,20 @@ cdef extern from "nimbra/analysis/Statistics.h" namespace "nimbra":
 
 cdef extern from "nimbra/analysis/Curvature.h" namespace "nimbra":
     bool computeCurvature(ZelDataSet&, int, bool, bool, bool) except + nogil
+
+
+# ------------------------------------------------------------ real-time client
+
+cdef extern from "nimbra/io/SocketWatch.h" namespace "nimbra" nogil:
+    cdef enum class SocketWaitResult "nimbra::SocketWatch::Result":
+        Readable "nimbra::SocketWatch::Result::Readable"
+        Stopped "nimbra::SocketWatch::Result::Stopped"
+        TimedOut "nimbra::SocketWatch::Result::TimedOut"
+        Failed "nimbra::SocketWatch::Result::Failed"
+    cdef cppclass SocketWatch:
+        SocketWatch()
+        void stop()
+        bool stopped()
+        SocketWaitResult pollReadable(intptr_t fd, int sliceMs)
+        SocketWaitResult waitReadable(intptr_t fd, int timeoutMs)
+        int error()

@@ -21,6 +21,12 @@ _PROJECT_EXTENSION = ".z3d"
 _PROJECT_MEMBER = "project.xml"
 _ANALOG_CSV_TYPE = "mirolet"
 _ARCHIVE_MEMBER_PREFIX = "prj:"
+# The most a project may expand to when read: what its archive declares and
+# what the compressed data actually yields are both held to these. Real
+# projects stay far below; a hostile archive of a few hundred bytes could
+# otherwise claim gigabytes.
+_PROJECT_XML_LIMIT = 256 * 1024 * 1024
+_ANALOG_CSV_LIMIT = 1024 * 1024 * 1024
 
 
 def _project_xml_parser():
@@ -35,12 +41,19 @@ def _project_xml_parser():
 def _read_project_root(str source not None):
     """Root element of the "project.xml" member of the archive ``source``.
 
-    Raises whatever zipfile or lxml raise; callers turn that into their own
+    Raises whatever zipfile or lxml raise, and ValueError for a member that
+    expands beyond ``_PROJECT_XML_LIMIT``; callers turn that into their own
     message.
     """
-    with zipfile.PyZipFile(source, "r") as archive:
-        text = archive.read(_PROJECT_MEMBER)
-    return _etree().fromstring(text, _project_xml_parser())
+    parser = _project_xml_parser()
+    # Fed step by step: the text is never held whole beside its tree.
+    with _ArchiveMember(source, _PROJECT_MEMBER, _PROJECT_XML_LIMIT) as member:
+        while True:
+            chunk = member.read(_MEMBER_STEP)
+            if not chunk:
+                break
+            parser.feed(chunk)
+    return parser.close()
 
 
 def _replace_file(str target, write):
@@ -113,7 +126,8 @@ class ProjectFile:
 
     def load(self, str source not None):
         """Read the project archive ``source``; a failure leaves the object
-        empty."""
+        empty. A "project.xml" that declares or expands to more than 256 MiB
+        is refused like any unreadable archive."""
         self.reset()
         if not source.endswith(_PROJECT_EXTENSION):
             raise ValueError(source + " is not a valid Zel3D project file.")
@@ -372,7 +386,8 @@ class ProjectFile:
     def get_analog_data_csv(self):
         """The analog-data CSV of the project as a dict: "header" holds the
         field names, and each field name the list of that column's values (as
-        text), in row order."""
+        text), in row order. A CSV of more than 1 GiB (as declared in the
+        archive or as read) is refused with "Could not process …"."""
         self.__check_root()
         if self.project_file is None:
             raise AttributeError("Project file is not initialized")
@@ -383,13 +398,15 @@ class ProjectFile:
                     name = "".join(element.itertext())
                     break
             if name.startswith(_ARCHIVE_MEMBER_PREFIX):
-                with zipfile.PyZipFile(self.project_file, "r") as archive:
-                    with archive.open(name[len(_ARCHIVE_MEMBER_PREFIX):]) as raw:
-                        return _read_columns(io.TextIOWrapper(raw, encoding="utf-8", newline=""))
-            # Not stored in the archive: a file on disk, relative names taken
-            # from the archive's directory.
-            path = os.path.join(os.path.dirname(os.path.abspath(self.project_file)), name)
-            with open(path, "r", encoding="utf-8", newline="") as stream:
+                raw = _ArchiveMember(self.project_file, name[len(_ARCHIVE_MEMBER_PREFIX):],
+                                     _ANALOG_CSV_LIMIT)
+            else:
+                # Not stored in the archive: a file on disk, relative names
+                # taken from the archive's directory, held to the same limit.
+                path = os.path.join(os.path.dirname(os.path.abspath(self.project_file)), name)
+                raw = _LimitedFile(open(path, "rb", buffering=0), _ANALOG_CSV_LIMIT)
+            with io.TextIOWrapper(io.BufferedReader(raw, _MEMBER_READ), encoding="utf-8",
+                                  newline="") as stream:
                 return _read_columns(stream)
         except Exception:
             raise ValueError("Could not process " + self.project_file)

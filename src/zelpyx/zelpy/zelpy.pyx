@@ -23,7 +23,7 @@ import threading
 import numpy as np
 cimport numpy as cnp
 
-from libc.stdint cimport int32_t, int64_t, uint8_t, uint32_t, uint64_t
+from libc.stdint cimport int32_t, int64_t, intptr_t, uint8_t, uint32_t, uint64_t
 from libc.string cimport memcpy
 from libcpp cimport bool as cbool
 from libcpp.string cimport string
@@ -110,6 +110,7 @@ include "surface.pxi"
 include "geometry.pxi"
 include "calibration.pxi"
 include "polygon.pxi"
+include "archive.pxi"
 include "project.pxi"
 include "dataio.pxi"
 include "rtclient.pxi"
