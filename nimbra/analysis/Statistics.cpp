@@ -94,8 +94,8 @@ NIMBRA_VECTOR_CLONES void scanRange(const float* v, const float* conf, int64_t b
 // index, in one pass: each lane keeps its best value and the block where it
 // first saw it; index -1 when nothing counts.
 template <bool Largest>
-NIMBRA_ALWAYS_INLINE void scanExtreme(const float* v, const float* conf, int64_t begin,
-                                                       int64_t end, float& value, int64_t& index) {
+NIMBRA_ALWAYS_INLINE void scanExtreme(const float* v, const float* conf, int64_t begin, int64_t end,
+                                      float& value, int64_t& index) {
     const float worst = Largest ? -std::numeric_limits<float>::infinity()
                                 : std::numeric_limits<float>::infinity();
     float best[kFloatLanes];
