@@ -50,6 +50,16 @@ cdef inline int32_t _resolve_variable(nimbra.ZelData* aoi, object variable) exce
     return <int32_t>variable
 
 
+cdef bint _mesh_variable(nimbra.ZelData* aoi, int32_t index):
+    """Whether the look-up trees read this variable: a coordinate, the
+    confidence kind, or one named "x" or "y"."""
+    cdef nimbra.ZelDataVariable* record = aoi.variable(index)
+    if record == NULL:
+        return False
+    return (record.type == nimbra.PixelCoordinate or record.type == nimbra.GlobalCoordinate
+            or record.type == nimbra.Correlation or record.name == b"x" or record.name == b"y")
+
+
 cdef _copy_into_variable(nimbra.ZelData* aoi, int32_t index, object values):
     """Writes all values of one variable; the length must be the matrix size."""
     cdef vector[float] converted
@@ -89,11 +99,13 @@ cdef class ZelData:
     cdef bint _owned
     cdef ZelDataSet _dataset
     cdef long _generation
+    cdef dict _locators  # look-up trees of an owned copy
 
     def __cinit__(self, other=None, **kwargs):
         self.thisptr = NULL
         self._owned = False
         self._dataset = None
+        self._locators = {}
         if other and isinstance(other, ZelData):
             (<ZelData>other).__check_thisptr()
             self.thisptr = new nimbra.ZelData(deref((<ZelData>other).thisptr))
@@ -130,9 +142,18 @@ cdef class ZelData:
     def __setstate__(self, state):
         raise TypeError("no default __reduce__ due to non-trivial __cinit__")
 
+    cdef dict _locator_cache(self):
+        # A borrowed AOI shares its dataset's trees, so that every ZelData
+        # handed out for it sees the same (and the same invalidation).
+        return self._dataset._locators if self._dataset is not None else self._locators
+
+    cdef void _forget_locators(self):
+        self._locator_cache().clear()
+
     def clear(self):
         """Removes every variable and sets the grid to 0 x 0."""
         self.__check_thisptr()
+        self._forget_locators()
         self.thisptr.clear()
 
     def copy(self):
@@ -232,6 +253,8 @@ cdef class ZelData:
             _resolve_variable(self.thisptr, variable_index))
         if record == NULL or n >= record.count:
             raise IndexError("Variable index out of range.")
+        if _mesh_variable(self.thisptr, _resolve_variable(self.thisptr, variable_index)):
+            self._forget_locators()
         record.values.get()[n] = value
 
     def set_values(self, variable_index, values):
@@ -241,7 +264,10 @@ cdef class ZelData:
         ``matrix_size()`` elements.
         """
         self.__check_thisptr()
-        _copy_into_variable(self.thisptr, _resolve_variable(self.thisptr, variable_index), values)
+        cdef int32_t index = _resolve_variable(self.thisptr, variable_index)
+        if _mesh_variable(self.thisptr, index):
+            self._forget_locators()
+        _copy_into_variable(self.thisptr, index, values)
 
     def as_array(self, variables):
         """The listed variables as a numpy structured array of float32 fields."""
@@ -265,10 +291,92 @@ cdef class ZelData:
             if isinstance(variable, str):
                 raise ValueError("Could not find variable " + variable)
             raise IndexError("Variable index out of range.")
+        # The view may be written to: look-ups made after this rebuild their trees.
+        if _mesh_variable(self.thisptr, index):
+            self._forget_locators()
         rows, columns = self.thisptr.numRows(), self.thisptr.numColumns()
         if record.count == self.thisptr.matrixSize() and rows * columns == record.count:
             return _view_values(record, (rows, columns))
         return _view_values(record, (record.count,))
+
+    # ---------------------------------------------------- surface analyses
+
+    def find_minimum(self, variable_index):
+        """Smallest value of a variable (name or index) and its point index.
+
+        Only valid points (confidence >= 0) with finite values count; among
+        equal values the lowest point index wins. Returns ``(value,
+        point_index)``, or ``(None, None)`` when no point qualifies. An unknown
+        variable raises ``ValueError("<name> is not a valid variable")``.
+        """
+        self.__check_thisptr()
+        return _aoi_extreme(self, variable_index, False)
+
+    def find_maximum(self, variable_index):
+        """Largest value of a variable (name or index) and its point index.
+
+        As :meth:`find_minimum`, with the largest value.
+        """
+        self.__check_thisptr()
+        return _aoi_extreme(self, variable_index, True)
+
+    def at_global_xy(self, double x, double y, variable_list, bint use_tree=False):
+        """Values of the listed variables at the reference global position (x, y).
+
+        (x, y) is in the reference coordinates X, Y (planar data: x_c, y_c, or
+        x, y). The values are interpolated linearly (barycentrically) inside
+        the triangle of the grid mesh (the triangulation at sub-sample 1) that
+        contains the position; a position on a valid point gives that point's
+        stored values exactly. Returns a list in the order of
+        ``variable_list``, or None outside every triangle (outside the AOI,
+        in a hole, next to an invalid point). Where triangles overlap the one
+        first in mesh order wins, so ``use_tree`` (a kd-tree built on first
+        use and kept until the AOI's coordinates, confidence or grid change)
+        only changes the speed, never the answer. An unknown name raises
+        ``ValueError("Could not find variable <name>")``.
+        """
+        self.__check_thisptr()
+        return _aoi_lookup(self, x, y, variable_list, False, use_tree)
+
+    def lookup_variables(self, double x, double y, variable_list):
+        """Values of the listed variables at the reference pixel position (x, y).
+
+        As :meth:`at_global_xy`, with (x, y) in the pixel coordinates x, y of
+        the reference image; always searched through the kd-tree.
+        """
+        self.__check_thisptr()
+        return _aoi_lookup(self, x, y, variable_list, True, True)
+
+    def arclength(self, point_a, point_b, int steps):
+        """Length of the reference surface along a straight line in global X, Y.
+
+        The segment from ``point_a`` to ``point_b`` (each an (x, y) position
+        as for :meth:`at_global_xy`) is cut into ``steps`` equal parts; the
+        3-D reference position (X, Y, Z; z = 0 for planar data) is
+        interpolated at the steps + 1 samples and the chord lengths are
+        summed, in the coordinate unit. None when ``steps`` < 1 or any sample
+        lies outside the mesh: a gap is never bridged silently.
+        """
+        self.__check_thisptr()
+        return _aoi_arclength(self, point_a, point_b, steps)
+
+    def _locate(self, double x, double y, bint pixel=False, bint use_tree=True):
+        """First half of a look-up: where (x, y) lies in the mesh.
+
+        Returns ``((i0, i1, i2), (w0, w1, w2))``, the point indices of the
+        containing triangle's corners and the barycentric weights of the
+        position (global X, Y, or pixel x, y with ``pixel``), or None. Pass the
+        result to :meth:`_interpolate` of this AOI or of the same AOI of
+        another dataset of the same grid.
+        """
+        self.__check_thisptr()
+        return _aoi_locate(self, x, y, pixel, use_tree)
+
+    def _interpolate(self, location, variable_list):
+        """Second half of a look-up: the listed variables at a location from
+        :meth:`_locate`, or None when a corner is not a valid point here."""
+        self.__check_thisptr()
+        return _aoi_interpolate(self, location, variable_list)
 
 
 cdef class ZelDataSet:
@@ -281,11 +389,28 @@ cdef class ZelDataSet:
     cdef nimbra.ZelDataSet* thisptr
     cdef object _file_name
     cdef long _generation
+    cdef dict _locators  # look-up trees by (AOI address, pixel space)
 
     def __cinit__(self):
         self.thisptr = new nimbra.ZelDataSet()
         self._file_name = None
         self._generation = 0
+        self._locators = {}
+
+    cdef void _touch(self):
+        # Coordinates, confidence or the grid may have changed: the look-up
+        # trees are rebuilt on their next use.
+        self._locators.clear()
+
+    cdef void _touch_names(self, names):
+        # Only changes of what the trees read make them stale.
+        cdef nimbra.ZelData* aoi
+        for i in range(self.thisptr.numData()):
+            aoi = self.thisptr.data(i)
+            for name in names:
+                if isinstance(name, str) and _mesh_variable(aoi, aoi.variableIndex(_utf8(name))):
+                    self._touch()
+                    return
 
     def __dealloc__(self):
         del self.thisptr
@@ -312,6 +437,7 @@ cdef class ZelDataSet:
         cdef cbool ok = False
         # Every AOI handed out so far is about to be freed.
         self._generation += 1
+        self._touch()
         if size < 0 or size > 0x7FFFFFFF:
             self.thisptr.clear()
             return False
@@ -358,6 +484,7 @@ cdef class ZelDataSet:
         cdef string path = _utf8(file_name)
         cdef cbool ok = False
         self._generation += 1
+        self._touch()
         with nogil:
             ok = self.thisptr.load(path)
         if not ok:
@@ -479,6 +606,7 @@ cdef class ZelDataSet:
         Variables are then added to every AOI with :meth:`add_variable`.
         """
         self.__check_thisptr()
+        self._touch()
         if rows < 0 or columns < 0 or <int64_t>rows * columns > 0x7FFFFFFF:
             raise ValueError("Invalid grid size " + str(rows) + " x " + str(columns) + ".")
         self.thisptr.addData(rows, columns, _utf8(name))
@@ -538,6 +666,10 @@ cdef class ZelDataSet:
         """
         self.__check_thisptr()
         if isinstance(variables, dict):
+            self._touch_names(variables.keys())
+        elif isinstance(variables, np.ndarray) and variables.dtype.names is not None:
+            self._touch_names(variables.dtype.names)
+        if isinstance(variables, dict):
             items = list(variables.items())
         elif isinstance(variables, np.ndarray) and variables.dtype.names is not None:
             items = [(name, variables[name]) for name in variables.dtype.names]
@@ -568,6 +700,9 @@ cdef class ZelDataSet:
         made unique.
         """
         self.__check_thisptr()
+        if (variable_type in (ZelDataVariableType.PixelCoordinate, ZelDataVariableType.GlobalCoordinate,
+                              ZelDataVariableType.Correlation) or variable_name in ("x", "y")):
+            self._touch()
         cdef string name = _utf8(variable_name)
         cdef string description = _utf8(variable_description)
         cdef nimbra.ZelDataVariableType kind = <nimbra.ZelDataVariableType><int>variable_type.value
@@ -621,6 +756,7 @@ cdef class ZelDataSet:
         (see ZelData.grid_is_consistent) or a window below 1.
         """
         self.__check_thisptr()
+        self._touch_names((variable,))
         _dataset_smooth(self, variable, window_size, weighted)
 
     def compute_strain(self, int window_size=15, tensor_type=TensorType.LagrangeStrainTensor,
@@ -684,6 +820,7 @@ cdef class ZelDataSet:
         results.
         """
         self.__check_thisptr()
+        self._touch()
         _dataset_compute_strain(self, window_size, tensor_type, compute_principal_strain,
                                 reuse_variables, weighted_filter, compute_tresca,
                                 compute_von_mises, output_gradient)
@@ -726,10 +863,107 @@ cdef class ZelDataSet:
         T(p + d) - p.
         """
         self.__check_thisptr()
+        self._touch()
         _transform_dataset(self, rigid_trnasformation, displacement_only)
 
+    # -------------------------------------------------- surface analyses
 
-def change_file_extension(str full_file_name, str extension):
+    def aoi_area(self, int aoi=-1):
+        """Surface area of one AOI, or of all AOIs with -1, in the coordinate unit squared.
+
+        The sum of the areas of the triangles of the grid mesh (the
+        triangulation at sub-sample 1) with the reference positions X, Y, Z
+        (planar data: x_c, y_c or x, y with z = 0). None when there is no
+        triangle. An index outside [0, num_data()) raises ``IndexError`` as
+        :meth:`data` does.
+        """
+        self.__check_thisptr()
+        return _dataset_aoi_area(self, aoi)
+
+    def range(self, str variable not None):
+        """``(min, max)`` of a variable over the valid points with finite values of every AOI.
+
+        Raises ``ValueError("Error in calculating range for '<variable>'.")``
+        when an AOI lacks the variable or no point qualifies.
+        """
+        self.__check_thisptr()
+        return _dataset_range(self, variable)
+
+    def sum_range(self, str variable_0 not None, str variable_1 not None):
+        """``(min, max)`` of the point-wise sum variable_0 + variable_1 over every AOI.
+
+        The extremes of the sum itself (not min + min): only valid points
+        where both values are finite count. Raises ``ValueError("Error in
+        calculating range for the sum of variables '<a>' and '<b>'.")`` when
+        an AOI lacks a variable or no point qualifies.
+        """
+        self.__check_thisptr()
+        return _dataset_sum_range(self, variable_0, variable_1)
+
+    def at_global_xy(self, double x, double y, variable_list, bint use_tree=False):
+        """Values of the listed variables at the reference global position (x, y).
+
+        As :meth:`ZelData.at_global_xy`, searching the AOIs in index order
+        (the first that contains the position answers). Every AOI must have
+        the listed variables.
+        """
+        self.__check_thisptr()
+        return _dataset_lookup(self, x, y, variable_list, False, use_tree)
+
+    def lookup_variables(self, double x, double y, variable_list):
+        """Values of the listed variables at the reference pixel position (x, y).
+
+        As :meth:`ZelData.lookup_variables`, searching the AOIs in index order.
+        """
+        self.__check_thisptr()
+        return _dataset_lookup(self, x, y, variable_list, True, True)
+
+    def compute_curvature(self, int window_size=15, bint compute_principal_curvature=True,
+                          bint reuse_vars=True, bint weighted_filter=True):
+        """Computes the surface curvature over all AOIs in the dataset.
+
+        For every valid point a quadric is fitted to the valid points of a
+        ``window_size`` x ``window_size`` window (weighted as by
+        :meth:`smooth` when ``weighted_filter``), for the reference position
+        and, when U, V, W exist, the deformed position X + U. Adds (or with
+        ``reuse_vars`` overwrites) variables of kind Curvature, in 1/unit of
+        the coordinates: kxx, kyy, kxy (normal and twist curvature of the
+        deformed surface in its local frame), kmean, kgauss (1/unit^2); with
+        ``compute_principal_curvature`` k1 >= k2 and kangle (degrees from the
+        local x axis to the k1 direction, in (-90, 90]); with displacements
+        dkxx, dkyy, dkxy (change of curvature, deformed minus reference, in
+        the reference frame; 0 under rigid motion) and dk1, dk2. A curvature
+        is positive where the surface bends towards the normal
+        n = dP/dcolumn x dP/drow. Invalid points and points without a
+        usable fit get 0. Raises ``ValueError("Error in calculating
+        curvature.")`` for a window below 3, missing confidence or
+        coordinates.
+        """
+        self.__check_thisptr()
+        _dataset_compute_curvature(self, window_size, compute_principal_curvature, reuse_vars,
+                                   weighted_filter)
+
+    def _locate(self, double x, double y, bint pixel=False, bint use_tree=True):
+        """First half of a look-up, for repeated look-ups in a series.
+
+        Returns ``((i0, i1, i2), (w0, w1, w2))``: the global point indices
+        (as in :meth:`get_values`) of the corners of the triangle containing
+        (x, y) (global X, Y, or pixel x, y with ``pixel``) and the position's
+        barycentric weights; None outside every AOI. Locate once, then call
+        :meth:`_interpolate` on every dataset of the same grid.
+        """
+        self.__check_thisptr()
+        return _dataset_locate(self, x, y, pixel, use_tree)
+
+    def _interpolate(self, location, variable_list):
+        """Second half of a look-up: the listed variables at a location from
+        :meth:`_locate` (sum of weight x value over the corners), or None when
+        a corner is not a valid point in this dataset (locate again then)."""
+        self.__check_thisptr()
+        return _dataset_interpolate(self, location, variable_list)
+
+
+def change_file_extension(str full_file_name not None, str extension not None):
     """The name of the file that belongs to a dataset name, with another extension.
 
     Works for plain paths and for HDF5 dataset names ("dir/run.h5:out:7" with

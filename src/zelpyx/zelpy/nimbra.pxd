@@ -5,6 +5,7 @@ from libc.stdint cimport int32_t, int64_t, intptr_t, uint8_t, uint32_t, uint64_t
 from libcpp cimport bool
 from libcpp.string cimport string
 from libcpp.vector cimport vector
+from libcpp.memory cimport unique_ptr
 
 
 # ------------------------------------------------------------------- logging
@@ -316,6 +317,57 @@ cdef extern from "nimbra/io/DirectoryListing.h" namespace "nimbra":
         bool has_value()
         PathList& value()
     optional_path_list listDirectory(const string& directory, const string& suffix) except + nogil
+
+
+# ------------------------------------------------------- surface analyses
+
+cdef extern from "nimbra/analysis/KDPointStorage.h" namespace "nimbra":
+    cdef cppclass KDPointStorage:
+        KDPointStorage() except +
+        bool build(const vector[double]&, const vector[double]&, const vector[int32_t]&,
+                   const vector[double]&) except + nogil
+        int64_t size() nogil
+        int32_t nearest(double, double, double*) nogil
+        void withinRadius(double, double, double, vector[int32_t]&) except + nogil
+
+
+cdef extern from "nimbra/analysis/Lookup.h" namespace "nimbra":
+    cdef enum class CoordinateSpace "nimbra::CoordinateSpace":
+        Global
+        Pixel
+    cdef cppclass PointLocation:
+        PointLocation()
+        int64_t corner[3]
+        double weight[3]
+        int64_t triangle
+        bool found()
+    cdef cppclass PointLocator:
+        @staticmethod
+        unique_ptr[PointLocator] create(const ZelData&, CoordinateSpace) except + nogil
+        void locate(double, double, PointLocation&) nogil
+    bool locatePoint(const ZelData&, CoordinateSpace, double, double, PointLocation&) nogil
+    bool interpolate(const ZelData&, const PointLocation&, const vector[int32_t]&, double*) nogil
+    bool arcLength(const ZelData&, const PointLocator&, double, double, double, double, int32_t,
+                   double&) except + nogil
+
+
+cdef extern from "nimbra/analysis/Statistics.h" namespace "nimbra":
+    cdef cppclass ValueExtreme:
+        double value
+        int64_t index
+        bool found()
+    bool findMinimum(const ZelData&, int32_t, ValueExtreme&) except + nogil
+    bool findMaximum(const ZelData&, int32_t, ValueExtreme&) except + nogil
+    bool valueRange(const ZelDataSet&, const string&, double&, double&) except + nogil
+    bool sumRange(const ZelDataSet&, const string&, const string&, double&, double&) except + nogil
+    cdef cppclass SurfaceArea:
+        double area
+        int64_t triangles
+    bool surfaceArea(const ZelDataSet&, int32_t, SurfaceArea&) except + nogil
+
+
+cdef extern from "nimbra/analysis/Curvature.h" namespace "nimbra":
+    bool computeCurvature(ZelDataSet&, int, bool, bool, bool) except + nogil
 
 
 # ------------------------------------------------------------ real-time client

@@ -107,6 +107,7 @@ cdef object _add_note(exc, str note):
 include "data.pxi"
 include "hdf5.pxi"
 include "analysis.pxi"
+include "surface.pxi"
 include "geometry.pxi"
 include "calibration.pxi"
 include "polygon.pxi"
