@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "nimbra/analysis/SurfaceGrid.h"
+#include "nimbra/analysis/VectorClones.h"
 #include "nimbra/analysis/Workers.h"
 #include "nimbra/data/ZelData.h"
 #include "nimbra/data/ZelDataSet.h"
@@ -13,18 +14,6 @@
 
 namespace nimbra {
 namespace {
-
-#if defined(__GNUC__) && defined(__x86_64__) && !defined(__clang__)
-#define NIMBRA_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
-#else
-#define NIMBRA_VECTOR_CLONES
-#endif
-// Helpers of the vectorised loops must be inlined into them (into each clone).
-#if defined(__GNUC__)
-#define NIMBRA_ALWAYS_INLINE inline __attribute__((always_inline))
-#else
-#define NIMBRA_ALWAYS_INLINE inline
-#endif
 
 // Columns per block of the vectorised loops, and per strip (see QuadricFit).
 constexpr int kBlock = 4;

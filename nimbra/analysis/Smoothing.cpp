@@ -6,6 +6,7 @@
 #include <system_error>
 #include <vector>
 
+#include "nimbra/analysis/VectorClones.h"
 #include "nimbra/analysis/Workers.h"
 #include "nimbra/data/ZelData.h"
 #include "nimbra/data/ZelDataSet.h"
@@ -26,15 +27,6 @@ constexpr double kSingularRatio = 1e-9;
 constexpr int kBlock = 4;
 // Columns per strip (see PlaneFit).
 constexpr int kStrip = 128;
-
-// The hot loops are also built for AVX2 and picked at run time. That target
-// has no fused multiply-add, so both builds do the same operations in the
-// same order per column and give bit-identical results on every machine.
-#if defined(__GNUC__) && defined(__x86_64__) && !defined(__clang__)
-#define NIMBRA_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
-#else
-#define NIMBRA_VECTOR_CLONES
-#endif
 
 int roundUp(int n, int to) { return (n + to - 1) / to * to; }
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "nimbra/analysis/SurfaceGrid.h"
+#include "nimbra/analysis/VectorClones.h"
 #include "nimbra/analysis/Workers.h"
 #include "nimbra/data/ZelData.h"
 #include "nimbra/data/ZelDataSet.h"
@@ -14,20 +15,6 @@
 
 namespace nimbra {
 namespace {
-
-// The scans are also built for AVX2 and picked at run time (see the
-// smoother); min, max and compare give the same results in every build.
-#if defined(__GNUC__) && defined(__x86_64__) && !defined(__clang__)
-#define NIMBRA_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
-#else
-#define NIMBRA_VECTOR_CLONES
-#endif
-// Helpers of the vectorised loops must be inlined into them (into each clone).
-#if defined(__GNUC__)
-#define NIMBRA_ALWAYS_INLINE inline __attribute__((always_inline))
-#else
-#define NIMBRA_ALWAYS_INLINE inline
-#endif
 
 // Points are scanned in blocks of this many lanes, each lane keeping its own
 // running result, so that the loops have a fixed trip count the compiler

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "nimbra/analysis/SurfaceGrid.h"
 #include "nimbra/analysis/Workers.h"
 #include "nimbra/data/ZelData.h"
 #include "nimbra/data/ZelDataSet.h"
@@ -20,9 +21,9 @@ const float* meshConfidence(const ZelData& data, int subSample) {
     return conf->values.get();
 }
 
-// Emits the triangles of one AOI through put(a, b, c) with AOI-local indices.
-// The vertex orders per corner pattern are fixed: consumers rely on their
-// winding.
+// Emits the triangles of one AOI through put(a, b, c) with AOI-local indices,
+// in the vertex orders of cellTriangles(): consumers rely on their winding,
+// and the look-ups walk the same cells.
 template <class Put>
 void meshCells(const ZelData& data, const float* conf, int s, int64_t firstRow, int64_t lastRow,
                Put&& put) {
@@ -40,17 +41,10 @@ void meshCells(const ZelData& data, const float* conf, int s, int64_t firstRow, 
             const int64_t iBL = bottom + left, iBR = bottom + right;
             const bool tr = conf[iTR] >= 0.0f;
             const bool br = conf[iBR] >= 0.0f;
-            switch ((tl ? 8 : 0) | (tr ? 4 : 0) | (bl ? 2 : 0) | (br ? 1 : 0)) {
-                case 15:
-                    put(iTL, iTR, iBL);
-                    put(iTR, iBR, iBL);
-                    break;
-                case 14: put(iTL, iTR, iBL); break;
-                case 13: put(iTL, iTR, iBR); break;
-                case 11: put(iBR, iBL, iTL); break;
-                case 7: put(iBR, iBL, iTR); break;
-                default: break;
-            }
+            const int64_t corner[4] = {iTL, iTR, iBL, iBR};
+            int64_t triangle[2][3];
+            const int n = cellTriangles(tl, tr, bl, br, corner, triangle);
+            for (int t = 0; t < n; ++t) put(triangle[t][0], triangle[t][1], triangle[t][2]);
             tl = tr;
             bl = br;
         }
