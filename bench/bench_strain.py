@@ -17,57 +17,25 @@ Run: python bench/bench_strain.py [rows columns]
 import os
 import sys
 import tempfile
-import time
 
 import numpy as np
 from scipy import ndimage
 
 import zelpy
+from _timing import best, best_cpu, grid_dataset
 from zelpyx.zelpy import zelpy as core
 
 T = zelpy.ZelDataVariableType
 
 
 def build(rows, columns, seed=0):
-    rng = np.random.default_rng(seed)
-    r, c = np.mgrid[0:rows, 0:columns].astype(np.float64)
-    x = (c - columns / 2) * 0.05
-    y = -(r - rows / 2) * 0.05
-    z = 0.002 * x * x
-    fields = {
-        "X": (T.GlobalCoordinate, x), "Y": (T.GlobalCoordinate, y), "Z": (T.GlobalCoordinate, z),
-        "U": (T.GlobalDisplacement, 0.01 * x + 0.002 * np.sin(y) + rng.normal(scale=2e-4, size=x.shape)),
-        "V": (T.GlobalDisplacement, -0.003 * y + 0.001 * x * y / 25 + rng.normal(scale=2e-4, size=x.shape)),
-        "W": (T.GlobalDisplacement, 0.0005 * x + rng.normal(scale=2e-4, size=x.shape)),
-        "x": (T.PixelCoordinate, c), "y": (T.PixelCoordinate, r),
-        "sigma": (T.Correlation, np.where(rng.uniform(size=x.shape) < 0.05, -1.0, 0.01)),
-    }
-    ds = zelpy.ZelDataSet()
-    ds.add_aoi(rows, columns, "aoi0")
-    for name, (kind, values) in fields.items():
-        ds.add_variable(name, name, kind)
-        ds[0].variable_view(name)[...] = values
-    return ds
-
-
-def best(fn, repeat=3):
-    times = []
-    for _ in range(repeat):
-        start = time.perf_counter()
-        fn()
-        times.append(time.perf_counter() - start)
-    return min(times)
-
-
-def best_cpu(fn, repeat=3):
-    """CPU seconds of all threads: less sensitive than wall time to other
-    processes competing for the cores."""
-    times = []
-    for _ in range(repeat):
-        start = time.process_time()
-        fn()
-        times.append(time.process_time() - start)
-    return min(times)
+    """A gently curved plate, stretched with a little bending and noise."""
+    return grid_dataset(
+        rows, columns, lambda x, y: 0.002 * x * x,
+        lambda x, y, noise: (0.01 * x + 0.002 * np.sin(y) + noise(),
+                             -0.003 * y + 0.001 * x * y / 25 + noise(),
+                             0.0005 * x + noise()),
+        seed)
 
 
 def kernel_1d(window):
@@ -117,11 +85,11 @@ def main():
         return lambda: ds.copy().compute_strain(window, zelpy.TensorType.LagrangeStrainTensor, True, True,
                                                 True, True, True, False)
 
-    copy_time = best(lambda: ds.copy())
+    copy_time = best(lambda: ds.copy(), 3)
     copy_cpu = best_cpu(lambda: ds.copy())
     cpu15 = best_cpu(strain(15)) - copy_cpu
-    t15 = best(strain(15)) - copy_time
-    t31 = best(strain(31)) - copy_time
+    t15 = best(strain(15), 3) - copy_time
+    t31 = best(strain(31), 3) - copy_time
     previous = core._set_analysis_workers(1)
     t15_one = best(strain(15), 2) - copy_time
     core._set_analysis_workers(previous)
@@ -150,7 +118,7 @@ def main():
     print("channel smoother vs baseline: max |difference| = %.2e" % agree)
 
     var = ds.copy()
-    ts = best(lambda: var.smooth("U", 15))
+    ts = best(lambda: var.smooth("U", 15), 3)
     tb1 = best(lambda: baseline_smooth(channels[:1], valid, 15), 1)
     print("smooth one variable w15: %.3f s, %.2f M points/s, %.1fx faster than the baseline (%.2f s)"
           % (ts, points / ts / 1e6, tb1 / ts, tb1))

@@ -23,12 +23,11 @@ os.environ.setdefault("OPENBLAS_NUM_THREADS", "1")
 os.environ.setdefault("OMP_NUM_THREADS", "1")
 
 import sys  # noqa: E402
-import time  # noqa: E402
 
 import numpy as np  # noqa: E402
 from numpy.lib.stride_tricks import sliding_window_view  # noqa: E402
 
-from _timing import best  # noqa: E402
+from _timing import best, best_cpu, grid_dataset  # noqa: E402
 from zelpyx.zelpy import zelpy as core  # noqa: E402
 import zelpy  # noqa: E402
 
@@ -36,34 +35,11 @@ T = zelpy.ZelDataVariableType
 
 
 def build(rows, columns, seed=0):
-    rng = np.random.default_rng(seed)
-    r, c = np.mgrid[0:rows, 0:columns].astype(np.float64)
-    x = (c - columns / 2) * 0.05
-    y = (r - rows / 2) * 0.05
-    z = 100 - np.sqrt(100 ** 2 - x * x - 0.5 * y * y)
-    fields = {
-        "X": (T.GlobalCoordinate, x), "Y": (T.GlobalCoordinate, y), "Z": (T.GlobalCoordinate, z),
-        "U": (T.GlobalDisplacement, 0.01 * x + rng.normal(scale=2e-4, size=x.shape)),
-        "V": (T.GlobalDisplacement, -0.003 * y + rng.normal(scale=2e-4, size=x.shape)),
-        "W": (T.GlobalDisplacement, x * x / 400 + rng.normal(scale=2e-4, size=x.shape)),
-        "x": (T.PixelCoordinate, c), "y": (T.PixelCoordinate, r),
-        "sigma": (T.Correlation, np.where(rng.uniform(size=x.shape) < 0.05, -1.0, 0.01)),
-    }
-    ds = zelpy.ZelDataSet()
-    ds.add_aoi(rows, columns, "aoi0")
-    for name, (kind, values) in fields.items():
-        ds.add_variable(name, name, kind)
-        ds[0].variable_view(name)[...] = values
-    return ds
-
-
-def best_cpu(fn, repeat=3):
-    times = []
-    for _ in range(repeat):
-        start = time.process_time()
-        fn()
-        times.append(time.process_time() - start)
-    return min(times)
+    """A shallow ellipsoidal cap, stretched and bent, with noisy displacements."""
+    return grid_dataset(
+        rows, columns, lambda x, y: 100 - np.sqrt(100 ** 2 - x * x - 0.5 * y * y),
+        lambda x, y, noise: (0.01 * x + noise(), -0.003 * y + noise(), x * x / 400 + noise()),
+        seed)
 
 
 def numpy_curvature(channels, valid, window, rows):

@@ -304,6 +304,27 @@ def test_failing_file_is_named_with_the_cause_and_the_others_are_processed(out_d
     assert bad.read_bytes() == before
 
 
+def test_strain_names_the_aoi_that_keeps_a_file_from_being_written(tmp_path):
+    """A file whose first AOI has a non-ASCII name reads, but as written back
+    the name's reserved bytes would leave a gap before the second AOI: the
+    command refuses to write it and says which AOI is the cause."""
+    from conftest import aoi, block, kind, variable
+    x, y = (a.ravel() for a in np.meshgrid(np.arange(5.0), np.arange(5.0)))
+    grid = [variable("x", "", kind(0), x), variable("y", "", kind(0), y),
+            variable("u", "", kind(2), 0.01 * x), variable("v", "", kind(2), 0 * x),
+            variable("c", "", kind(5), 0 * x)]
+    path = tmp_path / "plate-0001_0.out"
+    path.write_bytes(block([aoi(5, 5, grid, name="Zoné"), aoi(5, 5, grid, name="b")]))
+    before = path.read_bytes()
+    result = run("strain", path, "-w", 3)
+    first, last = result.stderr.strip().splitlines()
+    assert result.returncode == 1
+    assert first.startswith(f"zelpy strain: {path}: cannot be written: Not saved: AOI 0 'Zoné' "
+                            "has a non-ASCII name")
+    assert last == "zelpy strain: 1 of 1 datasets failed"
+    assert path.read_bytes() == before and names_of(tmp_path) == [path.name]
+
+
 def test_interrupt_leaves_every_file_whole(out_dir):
     """Ctrl-C during a run: status 130 (or 0 if it was already done), every
     file still decodes, no stray temporary files."""

@@ -1,5 +1,8 @@
 import glob
 import os
+import subprocess
+import sys
+import time
 import zipfile
 
 import h5py
@@ -427,3 +430,112 @@ def test_io_reset_stops_before_the_writer(run_dir):
     pair.load_from_directory(run_dir + "/sub")
     assert [seed_of(d) for d in pair.dataset_reader] == [9]
     assert pair.dataset_writer.output_dest == run_dir
+
+
+# ----------------------------------------------- files changing under a read
+
+REWRITTEN_LOADS = """
+import sys, zelpy
+reader = zelpy.ZelDataSetReader(sys.argv[1].split(":out:")[0])
+print("ready", flush=True)
+outcomes = set()
+for k in range(150):
+    try:
+        # Both ways in: the reader and load itself.
+        reader[0] if k % 2 else zelpy.ZelDataSet().load(sys.argv[1])
+        outcomes.add("loaded")
+    except Exception as exc:
+        outcomes.add("%s: %s" % (type(exc).__name__, exc))
+print("\\n".join(sorted(outcomes)))
+"""
+
+
+@pytest.mark.parametrize("kind", ["out", "h5"])
+def test_loads_survive_the_file_being_rewritten_in_place(tmp_path, kind):
+    """Another program cuts the file short and writes it again while it is
+    read: a load gives the dataset or the documented error, never a fault."""
+    path = str(tmp_path / ("a-1_0.out" if kind == "out" else "a.h5"))
+    name = path if kind == "out" else path + ":out:1"
+    dataset = ZelDataSet()
+    dataset.add_aoi(1000, 1000)
+    for k in range(8):
+        dataset.add_variable("v%d" % k, "", ZelDataVariableType.Unknown, np.full(10 ** 6, k, np.float32))
+    dataset.save(name)
+    data = open(path, "rb").read()
+    child = subprocess.Popen([sys.executable, "-c", REWRITTEN_LOADS, name], stdout=subprocess.PIPE,
+                             stderr=subprocess.DEVNULL, text=True)
+    assert child.stdout.readline() == "ready\n"
+    cut = len(data) // 2
+    with open(path, "r+b") as stream:
+        while child.poll() is None:
+            stream.truncate(cut)
+            stream.seek(cut)
+            stream.write(data[cut:])
+            stream.flush()
+            time.sleep(0.005)  # whole for a moment, so that some loads read all of it
+    outcomes = set(child.communicate()[0].split("\n")) - {""}
+    assert child.returncode == 0
+    allowed = {"loaded", "NameError: Unable to find file: %s or file is corrupted" % name,
+               "ValueError: Unable to decode memory buffer", "OSError: Cannot open %s." % path,
+               "ValueError: %s does not contain 'out:1' dataset." % path,
+               "ValueError: %s does not contain an 'out' group." % path}
+    assert outcomes <= allowed
+
+
+# ---------------------------------------------------- rewriting HDF5 members
+
+def planar_series(count, size=100):
+    """Datasets of a planar grid under stretch, their strain computed once."""
+    x, y = np.meshgrid(np.arange(size, dtype=np.float32), np.arange(size, dtype=np.float32))
+    series = []
+    for k in range(count):
+        dataset = ZelDataSet()
+        dataset.add_aoi(size, size)
+        for n, kind, values in (("x", 0, x), ("y", 0, y), ("u", 2, 0.001 * k * x), ("v", 2, 0 * y),
+                                ("c", 5, 0 * x)):
+            dataset.add_variable(n, n, ZelDataVariableType(kind), values.ravel().tolist())
+        dataset.compute_strain(7)
+        series.append(dataset)
+    return series
+
+
+def test_rewriting_members_reuses_their_space(tmp_path):
+    """Strain run again in place, five times over: the first run relabels
+    the strain variables (a few bytes more per member), the others write the
+    same bytes again. The file keeps within 1.2 times its size."""
+    path = str(tmp_path / "run.h5")
+    for k, dataset in enumerate(planar_series(8)):
+        dataset.save("%s:out:%04d" % (path, k))
+    size = os.path.getsize(path)
+    for _ in range(5):
+        reader = ZelDataSetReader(path)  # opens the file read-write, as the command does
+        for name in reader.dataset_list:
+            dataset = ZelDataSet()
+            dataset.load(name)
+            dataset.compute_strain(7)
+            dataset.save(name)
+    assert os.path.getsize(path) <= 1.2 * size
+    assert len(ZelDataSetReader(path)) == 8
+
+
+def test_partial_members_are_never_listed_and_go_with_the_next_save(tmp_path):
+    """What an interrupted save of an earlier version left ("2.partial", zeros)
+    and what a save recorded as in progress ("3.partial") are invisible to
+    readers and removed by the next save."""
+    path = write_h5(tmp_path / "run.h5", {"1": 1, "2": 2, "3": 3})
+    with h5py.File(path, "a") as handle:
+        group = handle["out"]
+        for key in ("2.partial", "3.partial"):
+            group[key] = np.zeros(len(make_dataset(9).export_raw()), np.uint8)
+        group.attrs["zelpy_partial"] = np.bytes_(b"3.partial")
+    assert ZelDataSetReader(path).dataset_list == [path + ":out:" + k for k in "123"]
+    with pytest.raises(ValueError) as error:
+        ZelDataSet().load(path + ":out:2.partial")
+    assert str(error.value) == path + " does not contain 'out:2.partial' dataset."
+    make_dataset(5).save(path + ":out:1")
+    with h5py.File(path, "r") as handle:
+        assert sorted(handle["out"]) == ["1", "2", "2.partial", "3"]
+    make_dataset(6).save(path + ":out:2")
+    with h5py.File(path, "r") as handle:
+        assert sorted(handle["out"]) == ["1", "2", "3"]
+    assert [seed_of(d) for d in ZelDataSetReader(path)] == [5, 6, 3]

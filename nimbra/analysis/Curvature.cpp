@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "nimbra/analysis/SurfaceGrid.h"
+#include "nimbra/analysis/VectorClones.h"
 #include "nimbra/analysis/Workers.h"
 #include "nimbra/data/ZelData.h"
 #include "nimbra/data/ZelDataSet.h"
@@ -13,12 +14,6 @@
 
 namespace nimbra {
 namespace {
-
-#if defined(__GNUC__) && defined(__x86_64__) && !defined(__clang__)
-#define NIMBRA_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
-#else
-#define NIMBRA_VECTOR_CLONES
-#endif
 
 // Columns per block of the vectorised loops, and per strip (see QuadricFit).
 constexpr int kBlock = 4;
@@ -95,8 +90,9 @@ struct Frame {
     double b0, b1, b2;          // b in parameter space: xx, xy, yy
 };
 
-inline __attribute__((always_inline)) Frame tangentFrame(const double (&px)[3], const double (&py)[3], const double (&pxx)[3],
-                          const double (&pxy)[3], const double (&pyy)[3], double& ok) {
+NIMBRA_ALWAYS_INLINE Frame tangentFrame(const double (&px)[3], const double (&py)[3],
+                                        const double (&pxx)[3], const double (&pxy)[3],
+                                        const double (&pyy)[3], double& ok) {
     const double n0 = px[1] * py[2] - px[2] * py[1];
     const double n1 = px[2] * py[0] - px[0] * py[2];
     const double n2 = px[0] * py[1] - px[1] * py[0];
@@ -123,15 +119,16 @@ inline __attribute__((always_inline)) Frame tangentFrame(const double (&px)[3], 
 }
 
 // M^-T b M^-1 for the symmetric b = [[b0, b1], [b1, b2]]: (k00, k11, k01).
-inline __attribute__((always_inline)) void toFrame(const Frame& f, double b0, double b1, double b2, double& k00, double& k11,
-                    double& k01) {
+NIMBRA_ALWAYS_INLINE void toFrame(const Frame& f, double b0, double b1, double b2, double& k00,
+                                  double& k11, double& k01) {
     k00 = f.q00 * f.q00 * b0 + 2.0 * f.q00 * f.q10 * b1 + f.q10 * f.q10 * b2;
     k11 = f.q01 * f.q01 * b0 + 2.0 * f.q01 * f.q11 * b1 + f.q11 * f.q11 * b2;
     k01 = f.q00 * f.q01 * b0 + (f.q00 * f.q11 + f.q10 * f.q01) * b1 + f.q10 * f.q11 * b2;
 }
 
 // Principal values of the symmetric (k00, k11, k01), larger first.
-inline __attribute__((always_inline)) void principalValues(double k00, double k11, double k01, double& first, double& second) {
+NIMBRA_ALWAYS_INLINE void principalValues(double k00, double k11, double k01, double& first,
+                                          double& second) {
     const double m = 0.5 * (k00 + k11), d = 0.5 * (k00 - k11);
     const double r = std::sqrt(d * d + k01 * k01);
     first = m + r;
@@ -178,7 +175,8 @@ public:
             // The centre row is both rows of its "pair": half its factor each.
             pairFactor_[a].resize(static_cast<size_t>(h_ + 1));
             for (int o = 0; o <= h_; ++o)
-                pairFactor_[a][static_cast<size_t>(o)] = moment_[a][static_cast<size_t>(h_ + o)] * (o == 0 ? 0.5 : 1.0);
+                pairFactor_[a][static_cast<size_t>(o)] =
+                    moment_[a][static_cast<size_t>(h_ + o)] * (o == 0 ? 0.5 : 1.0);
         }
     }
 
@@ -230,7 +228,8 @@ private:
         maskPass(mask_.data(), out);
         // Plain count of valid points per window row, from prefix sums.
         for (int j = 0; j < span_; ++j)
-            prefix_[static_cast<size_t>(j + 1)] = prefix_[static_cast<size_t>(j)] + (mask_[static_cast<size_t>(j)] != 0.0);
+            prefix_[static_cast<size_t>(j + 1)] =
+                prefix_[static_cast<size_t>(j)] + (mask_[static_cast<size_t>(j)] != 0.0);
         double* count = out + 5 * static_cast<size_t>(paddedWidth_);
         for (int c = 0; c < paddedWidth_; ++c)
             count[c] = prefix_[static_cast<size_t>(c + slots_)] - prefix_[static_cast<size_t>(c)];
@@ -262,7 +261,7 @@ private:
 
     // out[a][c] = sum_t moment_a[t] * in[c + t] for a < Moments.
     template <int Moments>
-    inline __attribute__((always_inline)) void rowPassOf(const double* __restrict in,
+    NIMBRA_ALWAYS_INLINE void rowPassOf(const double* __restrict in,
                                                          double* __restrict out) const {
         const size_t stride = static_cast<size_t>(paddedWidth_);
         for (int c = 0; c < paddedWidth_; c += kBlock) {
@@ -295,7 +294,7 @@ private:
     // or the difference of the two rows is multiplied once. Rows outside the
     // grid are a zero row. The sums stay in locals, so in vector registers.
     template <int Arrays, int Terms>
-    inline __attribute__((always_inline)) void columnSums(size_t offset, double (*out)[kBlock]) const {
+    NIMBRA_ALWAYS_INLINE void columnSums(size_t offset, double (*out)[kBlock]) const {
         constexpr int kSums = Arrays * Terms - Arrays * (Arrays - 1) / 2;
         const size_t stride = static_cast<size_t>(paddedWidth_);
         double acc[kSums][kBlock] = {};
@@ -327,7 +326,7 @@ private:
     // The six fit-term sums of one channel: t[term][ch] for the terms 1, x,
     // y, x^2, xy, y^2, from the ring arrays sum e(x) x^a m v (a = 0, 1, 2),
     // rows paired as in columnSums().
-    inline __attribute__((always_inline)) void channelSums(size_t offset,
+    NIMBRA_ALWAYS_INLINE void channelSums(size_t offset,
                                                            double (&t)[kTerms][kChannels][kBlock],
                                                            int ch) const {
         const size_t stride = static_cast<size_t>(paddedWidth_);
@@ -375,9 +374,11 @@ private:
         // Distinct valid columns of each point's window.
         prefix_[0] = 0;
         for (int j = 0; j < span_; ++j)
-            prefix_[static_cast<size_t>(j + 1)] = prefix_[static_cast<size_t>(j)] + (columnCount_[static_cast<size_t>(j)] > 0);
+            prefix_[static_cast<size_t>(j + 1)] =
+                prefix_[static_cast<size_t>(j)] + (columnCount_[static_cast<size_t>(j)] > 0);
         for (int c = 0; c < paddedWidth_; ++c)
-            columnsHit_[static_cast<size_t>(c)] = prefix_[static_cast<size_t>(c + slots_)] - prefix_[static_cast<size_t>(c)];
+            columnsHit_[static_cast<size_t>(c)] =
+                prefix_[static_cast<size_t>(c + slots_)] - prefix_[static_cast<size_t>(c)];
 
         const int channels = static_cast<int>(active_.size());
         for (int c = 0; c < stripWidth_; c += kBlock) {
@@ -427,13 +428,15 @@ private:
             const size_t p = static_cast<size_t>(r) * width + stripStart_ + c;
             if (job_.output[Kangle] != nullptr) {
                 for (int q = 0; q < n; ++q)
-                    out[Kangle][q] = good[q] != 0.0 ? principalAngle(out[Kxx][q], out[Kyy][q], out[Kxy][q]) : 0.0;
+                    out[Kangle][q] =
+                        good[q] != 0.0 ? principalAngle(out[Kxx][q], out[Kyy][q], out[Kxy][q]) : 0.0;
             }
             for (int o = 0; o < kOutputs; ++o) {
                 float* target = job_.output[o];
                 if (target == nullptr) continue;
                 float values[kBlock];
-                for (int q = 0; q < kBlock; ++q) values[q] = good[q] != 0.0 ? static_cast<float>(out[o][q]) : 0.0f;
+                for (int q = 0; q < kBlock; ++q)
+                    values[q] = good[q] != 0.0 ? static_cast<float>(out[o][q]) : 0.0f;
                 std::copy(values, values + n, target + p);
             }
         }
@@ -488,7 +491,8 @@ private:
 #pragma GCC unroll 6
             for (int j = 0; j < i; ++j)
                 for (int ch = 0; ch < kChannels; ++ch)
-                    for (int q = 0; q < kBlock; ++q) beta[i][ch][q] -= l[i][j][q] * invD[j][q] * beta[j][ch][q];
+                    for (int q = 0; q < kBlock; ++q)
+                        beta[i][ch][q] -= l[i][j][q] * invD[j][q] * beta[j][ch][q];
 #pragma GCC unroll 6
         for (int i = kTerms - 1; i >= 0; --i) {
             for (int ch = 0; ch < kChannels; ++ch)
@@ -496,7 +500,8 @@ private:
 #pragma GCC unroll 6
             for (int j = i + 1; j < kTerms; ++j)
                 for (int ch = 0; ch < kChannels; ++ch)
-                    for (int q = 0; q < kBlock; ++q) beta[i][ch][q] -= l[j][i][q] * invD[i][q] * beta[j][ch][q];
+                    for (int q = 0; q < kBlock; ++q)
+                        beta[i][ch][q] -= l[j][i][q] * invD[i][q] * beta[j][ch][q];
         }
         for (int q = 0; q < kBlock; ++q) {
             // Derivatives of the reference and the deformed position.
@@ -650,7 +655,8 @@ bool computeCurvature(ZelData& data, int window, bool principal, bool reuse, boo
         job.channel[ChX + c] = ch.position[c] >= 0 ? data.variableValues(ch.position[c]) : nullptr;
         job.channel[ChU + c] = ch.displacement[c] >= 0 ? data.variableValues(ch.displacement[c]) : nullptr;
     }
-    for (int o = 0; o < kOutputs; ++o) job.output[o] = index[o] >= 0 ? data.variableValues(index[o]) : nullptr;
+    for (int o = 0; o < kOutputs; ++o)
+        job.output[o] = index[o] >= 0 ? data.variableValues(index[o]) : nullptr;
     job.width = data.numColumns();
     job.height = data.numRows();
     job.halfWidth = window / 2;

@@ -6,6 +6,7 @@
 #include <system_error>
 #include <vector>
 
+#include "nimbra/analysis/VectorClones.h"
 #include "nimbra/analysis/Workers.h"
 #include "nimbra/data/ZelData.h"
 #include "nimbra/data/ZelDataSet.h"
@@ -26,15 +27,6 @@ constexpr double kSingularRatio = 1e-9;
 constexpr int kBlock = 4;
 // Columns per strip (see PlaneFit).
 constexpr int kStrip = 128;
-
-// The hot loops are also built for AVX2 and picked at run time. That target
-// has no fused multiply-add, so both builds do the same operations in the
-// same order per column and give bit-identical results on every machine.
-#if defined(__GNUC__) && defined(__x86_64__) && !defined(__clang__)
-#define NIMBRA_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
-#else
-#define NIMBRA_VECTOR_CLONES
-#endif
 
 int roundUp(int n, int to) { return (n + to - 1) / to * to; }
 
@@ -344,6 +336,9 @@ bool smoothVariable(ZelData& data, const std::string& variable, int window, bool
     if (confIndex < 0) return false;
     const int index = data.variableIndex(variable);
     if (index < 0) return false;
+    // Rows and columns index the values below: they must be what the
+    // variables hold.
+    if (!requireConsistentGrid(data, "smoothVariable()")) return false;
     const int width = data.numColumns();
     const int height = data.numRows();
     const int size = data.matrixSize();

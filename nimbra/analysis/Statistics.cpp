@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "nimbra/analysis/SurfaceGrid.h"
+#include "nimbra/analysis/VectorClones.h"
 #include "nimbra/analysis/Workers.h"
 #include "nimbra/data/ZelData.h"
 #include "nimbra/data/ZelDataSet.h"
@@ -14,14 +15,6 @@
 
 namespace nimbra {
 namespace {
-
-// The scans are also built for AVX2 and picked at run time (see the
-// smoother); min, max and compare give the same results in every build.
-#if defined(__GNUC__) && defined(__x86_64__) && !defined(__clang__)
-#define NIMBRA_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
-#else
-#define NIMBRA_VECTOR_CLONES
-#endif
 
 // Points are scanned in blocks of this many lanes, each lane keeping its own
 // running result, so that the loops have a fixed trip count the compiler
@@ -88,8 +81,8 @@ NIMBRA_VECTOR_CLONES void scanRange(const float* v, const float* conf, int64_t b
 // index, in one pass: each lane keeps its best value and the block where it
 // first saw it; index -1 when nothing counts.
 template <bool Largest>
-inline __attribute__((always_inline)) void scanExtreme(const float* v, const float* conf, int64_t begin,
-                                                       int64_t end, float& value, int64_t& index) {
+NIMBRA_ALWAYS_INLINE void scanExtreme(const float* v, const float* conf, int64_t begin, int64_t end,
+                                      float& value, int64_t& index) {
     const float worst = Largest ? -std::numeric_limits<float>::infinity()
                                 : std::numeric_limits<float>::infinity();
     float best[kFloatLanes];

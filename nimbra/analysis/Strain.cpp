@@ -526,6 +526,9 @@ bool computeStrain(ZelData& data, int window, bool principal, bool reuse, bool w
     if (data.gridKind() != 2) return false;
     const int32_t confIndex = data.firstVariableOfType(Correlation);
     if (confIndex < 0) return false;
+    // The kernel and the smoother walk rows and columns: they must be what
+    // the variables hold.
+    if (!requireConsistentGrid(data, "computeStrain()")) return false;
     const int width = data.numColumns();
     const int height = data.numRows();
     const size_t size = static_cast<size_t>(data.matrixSize());

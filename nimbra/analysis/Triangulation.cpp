@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "nimbra/analysis/SurfaceGrid.h"
 #include "nimbra/analysis/Workers.h"
 #include "nimbra/data/ZelData.h"
 #include "nimbra/data/ZelDataSet.h"
@@ -11,7 +12,7 @@ namespace {
 
 // Confidence of an AOI that can be meshed, or null.
 const float* meshConfidence(const ZelData& data, int subSample) {
-    if (subSample < 1 || data.gridKind() != 2) return nullptr;
+    if (subSample < 1 || data.gridKind() != 2 || !data.gridIsConsistent()) return nullptr;
     if (data.variableIndex("x") < 0 || data.variableIndex("y") < 0) return nullptr;
     const int32_t index = data.firstVariableOfType(Correlation);
     if (index < 0) return nullptr;
@@ -20,9 +21,9 @@ const float* meshConfidence(const ZelData& data, int subSample) {
     return conf->values.get();
 }
 
-// Emits the triangles of one AOI through put(a, b, c) with AOI-local indices.
-// The vertex orders per corner pattern are fixed: consumers rely on their
-// winding.
+// Emits the triangles of one AOI through put(a, b, c) with AOI-local indices,
+// in the vertex orders of cellTriangles(): consumers rely on their winding,
+// and the look-ups walk the same cells.
 template <class Put>
 void meshCells(const ZelData& data, const float* conf, int s, int64_t firstRow, int64_t lastRow,
                Put&& put) {
@@ -40,17 +41,10 @@ void meshCells(const ZelData& data, const float* conf, int s, int64_t firstRow, 
             const int64_t iBL = bottom + left, iBR = bottom + right;
             const bool tr = conf[iTR] >= 0.0f;
             const bool br = conf[iBR] >= 0.0f;
-            switch ((tl ? 8 : 0) | (tr ? 4 : 0) | (bl ? 2 : 0) | (br ? 1 : 0)) {
-                case 15:
-                    put(iTL, iTR, iBL);
-                    put(iTR, iBR, iBL);
-                    break;
-                case 14: put(iTL, iTR, iBL); break;
-                case 13: put(iTL, iTR, iBR); break;
-                case 11: put(iBR, iBL, iTL); break;
-                case 7: put(iBR, iBL, iTR); break;
-                default: break;
-            }
+            const int64_t corner[4] = {iTL, iTR, iBL, iBR};
+            int64_t triangle[2][3];
+            const int n = cellTriangles(tl, tr, bl, br, corner, triangle);
+            for (int t = 0; t < n; ++t) put(triangle[t][0], triangle[t][1], triangle[t][2]);
             tl = tr;
             bl = br;
         }
@@ -80,6 +74,14 @@ int64_t countCells(const ZelData& data, const float* conf, int s, int64_t firstR
 
 int64_t pointCount(const ZelData& data) {
     return static_cast<int64_t>(data.numRows()) * data.numColumns();
+}
+
+// Global indices are offsets into the values of all AOIs concatenated; one
+// AOI whose grid is not what its variables hold shifts every index after it.
+bool consistentGrids(const ZelDataSet& dataSet) {
+    for (int32_t i = 0; i < dataSet.numData(); ++i)
+        if (!requireConsistentGrid(*dataSet.data(i), "triangulation()")) return false;
+    return true;
 }
 
 }  // namespace
@@ -113,6 +115,7 @@ int64_t triangulate(const ZelData& data, int subSample, std::vector<uint32_t>& o
 
 std::vector<uint32_t> triangulate(const ZelDataSet& dataSet, int subSample) {
     std::vector<uint32_t> out;
+    if (!consistentGrids(dataSet)) return out;
     out.reserve(3 * static_cast<size_t>(maxTriangles(dataSet, subSample)));
     uint32_t offset = 0;
     for (int32_t i = 0; i < dataSet.numData(); ++i) {
@@ -124,6 +127,8 @@ std::vector<uint32_t> triangulate(const ZelDataSet& dataSet, int subSample) {
 
 GridTriangulation::GridTriangulation(const ZelDataSet& dataSet, int subSample, int workers)
     : subSample_(subSample), workers_(resolveWorkerCount(workers)) {
+    valid_ = consistentGrids(dataSet);
+    if (!valid_) return;
     // Bands of this many cell rows: enough of them to spread over the workers,
     // each large enough that a band's bookkeeping does not matter.
     constexpr int64_t kBandRows = 32;

@@ -22,7 +22,8 @@ int64_t maxTriangles(const ZelDataSet& dataSet, int subSample);
 int64_t triangulate(const ZelData& data, int subSample, std::vector<uint32_t>& out,
                     uint32_t offset = 0);
 
-// The triangles of every AOI, in index order, with global indices.
+// The triangles of every AOI, in index order, with global indices; none
+// when an AOI's grid is not what its variables hold (requireConsistentGrid).
 std::vector<uint32_t> triangulate(const ZelDataSet& dataSet, int subSample);
 
 // A dataset's mesh in two passes over the workers: the constructor counts
@@ -32,6 +33,9 @@ std::vector<uint32_t> triangulate(const ZelDataSet& dataSet, int subSample);
 class GridTriangulation {
 public:
     GridTriangulation(const ZelDataSet& dataSet, int subSample, int workers = 0);
+    // False (with no triangles) when an AOI's grid is not what its variables
+    // hold: its indices, and those of every AOI after it, would be wrong.
+    bool valid() const { return valid_; }
     int64_t size() const { return total_; }
     void write(uint32_t* out) const;
 
@@ -48,6 +52,7 @@ private:
     int subSample_;
     int workers_;
     int64_t total_ = 0;
+    bool valid_ = true;
 };
 
 }  // namespace nimbra

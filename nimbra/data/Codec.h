@@ -42,14 +42,24 @@ inline void writeBE32(uint8_t* p, uint32_t v) {
     p[3] = uint8_t(v);
 }
 
-// The value blocks are little-endian float32; on a little-endian host they
-// move as one block copy.
-inline void copyValuesLE(float* destination, const uint8_t* source, std::size_t count) {
-    std::memcpy(destination, source, count * sizeof(float));
-    if constexpr (std::endian::native == std::endian::big) {
-        auto* words = reinterpret_cast<uint32_t*>(destination);
-        for (std::size_t i = 0; i < count; ++i) words[i] = __builtin_bswap32(words[i]);
-    }
-}
+// Memory a decoded block may take: this many bytes per byte of the block,
+// plus the allowance. Real data costs about one byte per byte (the values
+// themselves), and no block the encoder writes costs more than 3.1 (an AOI
+// of one point and one variable); only blocks built to cost memory (millions
+// of tiny AOIs or variables) reach the limit, and they are refused instead of
+// taking many times their size.
+constexpr double kMemoryPerByte = 3.5;
+constexpr int64_t kMemoryAllowance = int64_t(1) << 20;
+
+// How far a block reads back, found by walking it the way the decoder reads
+// it without storing anything: nothing is allocated and no value is read.
+struct Walk {
+    bool decodes = false;
+    int32_t aoisRead = 0;     // AOIs read in full before the walk stopped
+    bool overBudget = false;  // stopped because of the memory limit above
+};
+Walk walkBlock(const uint8_t* block, int32_t size, bool strict);
+// The same over `size` bytes at `offset` of an open file, read with pread.
+Walk walkFile(int fd, int64_t offset, int64_t size);
 
 }  // namespace nimbra::codec

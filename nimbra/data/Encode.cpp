@@ -4,16 +4,21 @@
 // (export) or streams into a file (save), where the value arrays go to the
 // file straight from the variables instead of through a copy of the block.
 
-#include <atomic>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <limits>
+#include <memory>
 #include <string>
-#include <unistd.h>
 
 #include "nimbra/data/Codec.h"
 #include "nimbra/data/Utf.h"
 #include "nimbra/data/ZelDataSet.h"
+#include "nimbra/log/Log.h"
 
 namespace nimbra {
 namespace {
@@ -101,13 +106,25 @@ private:
     uint8_t* destination_;
 };
 
+// Streams into a file descriptor: small pieces through a buffer, value
+// arrays straight from their variables.
 class FileSink : public Sink {
 public:
-    FileSink(std::FILE* file, int64_t size) : Sink(size), file_(file) {}
+    FileSink(int fd, int64_t size) : Sink(size), fd_(fd), buffer_(new uint8_t[kBuffer]) {}
+    bool flush() {
+        const bool ok = writeAll(buffer_.get(), used_);
+        used_ = 0;
+        return ok;
+    }
 
 protected:
     bool emit(const uint8_t* bytes, int64_t n) override {
-        return std::fwrite(bytes, 1, static_cast<std::size_t>(n), file_) == static_cast<std::size_t>(n);
+        if (used_ + n <= kBuffer) {
+            std::memcpy(buffer_.get() + used_, bytes, static_cast<std::size_t>(n));
+            used_ += n;
+            return true;
+        }
+        return flush() && (n < kBuffer ? emit(bytes, n) : writeAll(bytes, n));
     }
     bool emitZeros(int64_t n) override {
         static const uint8_t zero[4096] = {};
@@ -120,7 +137,22 @@ protected:
     }
 
 private:
-    std::FILE* file_;
+    static constexpr int64_t kBuffer = 64 * 1024;
+
+    bool writeAll(const uint8_t* bytes, int64_t n) {
+        while (n > 0) {
+            const ssize_t done = ::write(fd_, bytes, static_cast<std::size_t>(n));
+            if (done < 0 && errno == EINTR) continue;
+            if (done <= 0) return false;
+            bytes += done;
+            n -= done;
+        }
+        return true;
+    }
+
+    int fd_;
+    std::unique_ptr<uint8_t[]> buffer_;
+    int64_t used_ = 0;
 };
 
 int64_t utf16Length(const std::string& text) { return static_cast<int64_t>(utf::toUtf16(text).size()); }
@@ -182,9 +214,95 @@ bool encodeDataSet(const ZelDataSet& set, Sink& out, int64_t total, bool primary
     return ok && out.zeros(total - out.position());
 }
 
-std::atomic<unsigned> tempCounter{0};
+// The temporary file of a save: one short, hidden name per target in the
+// target's directory, so that a name near the length limit still has room
+// for it, the reader never lists it, and the next save of the same target
+// takes over what a killed save left behind.
+std::string temporaryName(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    const std::string directory = slash == std::string::npos ? "" : path.substr(0, slash + 1);
+    uint64_t hash = 0xcbf29ce484222325ull;  // FNV-1a of the file name
+    for (std::size_t i = slash == std::string::npos ? 0 : slash + 1; i < path.size(); ++i)
+        hash = (hash ^ static_cast<uint8_t>(path[i])) * 0x100000001b3ull;
+    static const char digits[] = "0123456789abcdef";
+    std::string name = directory + ".zs-";
+    for (int shift = 60; shift >= 0; shift -= 4) name += digits[(hash >> shift) & 0xF];
+    return name + ".tmp";
+}
+
+// Opens the temporary file for writing, empty and locked, or returns -1.
+// Saves of the same target take turns on the lock; whoever holds it checks
+// that the name still leads to the file it locked (the previous holder may
+// have renamed it over its target) before using it. A file left by a
+// killed save is reused, or replaced when its permissions might not be the
+// default ones a new target gets.
+int claimTemporary(const std::string& temporary, bool targetExists) {
+    for (int attempt = 0; attempt < 64; ++attempt) {
+        bool created = true;
+        int fd = ::open(temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
+        if (fd < 0 && errno == EEXIST) {
+            created = false;
+            fd = ::open(temporary.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+            if (fd < 0 && errno == ENOENT) continue;
+        }
+        if (fd < 0) return -1;
+        struct stat locked {}, named {};
+        while (::flock(fd, LOCK_EX) != 0) {
+            if (errno != EINTR) {
+                ::close(fd);
+                return -1;
+            }
+        }
+        if (::fstat(fd, &locked) != 0 || ::lstat(temporary.c_str(), &named) != 0 ||
+            locked.st_dev != named.st_dev || locked.st_ino != named.st_ino) {
+            ::close(fd);
+            continue;
+        }
+        if (!created && !targetExists) {
+            ::unlink(temporary.c_str());
+            ::close(fd);
+            continue;
+        }
+        if (!S_ISREG(locked.st_mode) || ::ftruncate(fd, 0) != 0) {
+            ::close(fd);
+            return -1;
+        }
+        return fd;
+    }
+    return -1;
+}
+
+bool nonAscii(const std::string& text) { return utf16Length(text) != static_cast<int64_t>(text.size()); }
+
+// One error line saying why the encoding of `set` does not read back.
+void logUnreadable(const ZelDataSet& set, const codec::Walk& walk) {
+    const int32_t failed = walk.aoisRead;  // the AOI the reader stopped at
+    if (set.numData() == 0) {
+        NIMBRA_LOG(error) << "Not saved: a dataset without AOIs does not read back (a data file "
+                             "must hold at least one AOI).";
+    } else if (walk.overBudget) {
+        NIMBRA_LOG(error) << "Not saved: the dataset holds too many AOIs or variables for its "
+                             "size to read back (more than "
+                          << codec::kMemoryPerByte << " bytes of memory per byte of file).";
+    } else if (failed > 0 && failed < set.numData() && nonAscii(set.data(failed - 1)->name())) {
+        NIMBRA_LOG(error) << "Not saved: AOI " << failed - 1 << " '" << set.data(failed - 1)->name()
+                          << "' has a non-ASCII name, and the bytes the data file reserves for it "
+                             "leave a gap the reader cannot step over before AOI "
+                          << failed << ". Give the AOI an ASCII name to save this dataset.";
+    } else {
+        NIMBRA_LOG(error) << "Not saved: the encoded dataset does not read back (the reader stops "
+                             "at AOI "
+                          << failed << ").";
+    }
+}
 
 }  // namespace
+
+bool ZelDataSet::readsBack(const uint8_t* block, int32_t size) const {
+    const codec::Walk walk = codec::walkBlock(block, size, false);
+    if (!walk.decodes) logUnreadable(*this, walk);
+    return walk.decodes;
+}
 
 int64_t ZelDataSet::encodedSize() const {
     int64_t size = 16 + 8 + 2 * static_cast<int64_t>(referenceImage().size()) + 8 +
@@ -215,22 +333,29 @@ uint8_t* ZelDataSet::encode(int32_t& size, bool primary) const {
 bool ZelDataSet::save(const std::string& path) const {
     const int64_t total = encodedSize();
     if (total < 0 || path.empty()) return false;
+    struct stat target {};
+    const bool targetExists = ::stat(path.c_str(), &target) == 0 && S_ISREG(target.st_mode);
+    const std::string temporary = temporaryName(path);
+    const int fd = claimTemporary(temporary, targetExists);
+    if (fd < 0) return false;
     // Written beside the target and renamed over it, so that a failed or
-    // interrupted save never destroys the file that was there.
-    const std::string temporary = path + ".tmp" + std::to_string(::getpid()) + "." +
-                                  std::to_string(tempCounter.fetch_add(1));
-    std::FILE* file = std::fopen(temporary.c_str(), "wbx");
-    if (file == nullptr) return false;
+    // interrupted save never destroys the file that was there; the new file
+    // keeps the old one's permissions.
     bool ok;
     {
-        FileSink out(file, total);
-        ok = encodeDataSet(*this, out, total, false);
+        FileSink out(fd, total);
+        ok = encodeDataSet(*this, out, total, false) && out.flush();
     }
-    ok = (std::fflush(file) == 0) && ok;
-    ok = (std::fclose(file) == 0) && ok;
-    if (ok && std::rename(temporary.c_str(), path.c_str()) == 0) return true;
-    std::remove(temporary.c_str());
-    return false;
+    if (ok) {
+        const codec::Walk walk = codec::walkFile(fd, 0, total);
+        if (!walk.decodes) logUnreadable(*this, walk);
+        ok = walk.decodes;
+    }
+    if (ok && targetExists) ok = ::fchmod(fd, target.st_mode & 07777) == 0;
+    if (ok) ok = std::rename(temporary.c_str(), path.c_str()) == 0;
+    if (!ok) ::unlink(temporary.c_str());
+    ::close(fd);
+    return ok;
 }
 
 }  // namespace nimbra

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
-#include <unordered_set>
+#include <limits>
 #include <utility>
 
 #include "nimbra/log/Log.h"
@@ -33,58 +33,112 @@ struct ZelData::State {
     int32_t gridKind = 2;
 };
 
-ZelData::ZelData() : state_(std::make_unique<State>()) {}
+// The allocation rounds up to the allocator's next chunk and carries its
+// header.
+const int64_t ZelData::kStateBytes = (sizeof(ZelData::State) + 8 + 15) / 16 * 16;
+
+namespace {
+const std::vector<ZelDataVariable> kNoVariables;
+const std::string kNoName;
+}  // namespace
+
+ZelData::ZelData() = default;
 ZelData::~ZelData() = default;
-ZelData::ZelData(const ZelData& other) : state_(std::make_unique<State>(*other.state_)) {}
+ZelData::ZelData(const ZelData& other)
+    : state_(other.state_ ? std::make_unique<State>(*other.state_) : nullptr) {}
 ZelData& ZelData::operator=(const ZelData& other) {
-    if (this != &other) *state_ = *other.state_;
+    if (this == &other) return *this;
+    if (!other.state_)
+        state_.reset();
+    else if (state_)
+        *state_ = *other.state_;
+    else
+        state_ = std::make_unique<State>(*other.state_);
     return *this;
 }
-ZelData::ZelData(ZelData&& other) noexcept : state_(std::move(other.state_)) {
-    other.state_ = std::make_unique<State>();
-}
+ZelData::ZelData(ZelData&& other) noexcept = default;
 ZelData& ZelData::operator=(ZelData&& other) noexcept {
     std::swap(state_, other.state_);
     return *this;
 }
 
-void ZelData::clear() {
-    state_->variables.clear();
-    state_->rows = 0;
-    state_->columns = 0;
-    state_->name.clear();
-    state_->gridKind = 2;
+ZelData::State& ZelData::state() {
+    if (!state_) state_ = std::make_unique<State>();
+    return *state_;
 }
 
-int32_t ZelData::numRows() const { return state_->rows; }
-int32_t ZelData::numColumns() const { return state_->columns; }
+void ZelData::clear() { state_.reset(); }
+
+int32_t ZelData::numRows() const { return state_ ? state_->rows : 0; }
+int32_t ZelData::numColumns() const { return state_ ? state_->columns : 0; }
 int32_t ZelData::matrixSize() const {
     // A 32-bit product that wraps like the file format's counts do, without
     // the undefined behaviour of signed overflow.
-    return static_cast<int32_t>(static_cast<uint32_t>(state_->rows) *
-                                static_cast<uint32_t>(state_->columns));
+    return static_cast<int32_t>(static_cast<uint32_t>(numRows()) *
+                                static_cast<uint32_t>(numColumns()));
 }
-int32_t ZelData::numVariables() const { return static_cast<int32_t>(state_->variables.size()); }
+int32_t ZelData::numVariables() const {
+    return state_ ? static_cast<int32_t>(state_->variables.size()) : 0;
+}
+
+namespace {
+
+// Index of the first variable that does not hold rows x columns values,
+// numVariables() when all do, or -2 when they all do but the grid itself
+// cannot be a matrix (a negative side, or more points than the 32-bit
+// matrix size).
+int32_t firstInconsistentVariable(const ZelData& data) {
+    const int64_t points = static_cast<int64_t>(data.numRows()) * data.numColumns();
+    for (int32_t i = 0; i < data.numVariables(); ++i)
+        if (data.variable(i)->count != points) return i;
+    if (data.numRows() < 0 || data.numColumns() < 0 ||
+        points > std::numeric_limits<int32_t>::max())
+        return -2;
+    return data.numVariables();
+}
+
+}  // namespace
+
+bool ZelData::gridIsConsistent() const { return firstInconsistentVariable(*this) == numVariables(); }
+
+bool requireConsistentGrid(const ZelData& data, const char* function) {
+    const int32_t index = firstInconsistentVariable(data);
+    if (index == data.numVariables()) return true;
+    NIMBRA_LOG(error) << "Inconsistent grid in " << function << ": " << data.numRows() << " x "
+                      << data.numColumns() << " points, "
+                      << (index < 0 ? std::string("which no data matrix can have.")
+                                    : "but variable '" + data.variable(index)->name + "' holds " +
+                                          std::to_string(data.variable(index)->count) +
+                                          " values.");
+    return false;
+}
 
 void ZelData::setSize(int32_t rows, int32_t columns) {
-    state_->rows = rows;
-    state_->columns = columns;
+    if (!state_ && rows == 0 && columns == 0) return;
+    state().rows = rows;
+    state().columns = columns;
 }
 
-const std::string& ZelData::name() const { return state_->name; }
-void ZelData::setName(const std::string& name) { state_->name = name; }
-int32_t ZelData::gridKind() const { return state_->gridKind; }
-void ZelData::setGridKind(int32_t kind) { state_->gridKind = kind; }
+const std::string& ZelData::name() const { return state_ ? state_->name : kNoName; }
+void ZelData::setName(const std::string& name) {
+    if (!state_ && name.empty()) return;
+    state().name = name;
+}
+int32_t ZelData::gridKind() const { return state_ ? state_->gridKind : 2; }
+void ZelData::setGridKind(int32_t kind) {
+    if (!state_ && kind == 2) return;
+    state().gridKind = kind;
+}
 
 int32_t ZelData::variableIndex(const std::string& name) const {
-    const auto& vars = state_->variables;
+    const auto& vars = state_ ? state_->variables : kNoVariables;
     for (std::size_t i = 0; i < vars.size(); ++i)
         if (vars[i].name == name) return static_cast<int32_t>(i);
     return -1;
 }
 
 int32_t ZelData::findVariable(ZelDataVariableType type, const std::string& text) const {
-    const auto& vars = state_->variables;
+    const auto& vars = state_ ? state_->variables : kNoVariables;
     for (std::size_t i = 0; i < vars.size(); ++i) {
         if (vars[i].type != type) continue;
         if (vars[i].name == text || vars[i].description == text) return static_cast<int32_t>(i);
@@ -93,7 +147,7 @@ int32_t ZelData::findVariable(ZelDataVariableType type, const std::string& text)
 }
 
 int32_t ZelData::firstVariableOfType(ZelDataVariableType type) const {
-    const auto& vars = state_->variables;
+    const auto& vars = state_ ? state_->variables : kNoVariables;
     for (std::size_t i = 0; i < vars.size(); ++i)
         if (vars[i].type == type) return static_cast<int32_t>(i);
     return -1;
@@ -126,7 +180,7 @@ int32_t ZelData::addVariable(ZelDataVariableType type, const std::string& name,
     record.name = name;
     record.description = description;
     record.type = type;
-    state_->variables.push_back(std::move(record));
+    state().variables.push_back(std::move(record));
     resizeValues(index, matrixSize());
     return index;
 }
@@ -161,7 +215,8 @@ void ZelData::resizeValuesForOverwrite(int32_t index, int32_t n) {
 
 void ZelData::resizeVariables(int32_t n) {
     if (n < 0) n = 0;
-    state_->variables.resize(static_cast<std::size_t>(n));
+    if (!state_ && n == 0) return;
+    state().variables.resize(static_cast<std::size_t>(n));
 }
 
 bool ZelData::removeVariable(int32_t index) {
@@ -172,43 +227,60 @@ bool ZelData::removeVariable(int32_t index) {
 
 void ZelData::shuffle(const std::vector<std::string>& names,
                       const std::vector<ZelDataVariableType>& types) {
-    auto& vars = state_->variables;
     const int32_t count = numVariables();
+    if (count == 0) return;
+    auto& vars = state_->variables;
+    // A flag per variable and the order itself: a block of many small
+    // variables must not cost a hash node or a second copy of every record.
     std::vector<int32_t> order;
     order.reserve(vars.size());
-    std::unordered_set<int32_t> taken;
+    std::vector<char> taken(vars.size(), 0);
 
     for (const std::string& name : names) {
         const int32_t index = variableIndex(name);
         if (index >= 0) {
             order.push_back(index);
-            taken.insert(index);
+            taken[static_cast<std::size_t>(index)] = 1;
         }
     }
     for (ZelDataVariableType type : types) {
         for (int32_t i = 0; i < count; ++i) {
             const ZelDataVariable& v = vars[static_cast<std::size_t>(i)];
-            if (v.type != type || taken.count(i) != 0) continue;
+            if (v.type != type || taken[static_cast<std::size_t>(i)]) continue;
             // Sigma values share the displacement kind but belong with the
             // leftovers, after every listed kind.
             if (type == GlobalDisplacement && v.description.size() >= 5 &&
                 v.description.find("Sigma") != std::string::npos)
                 continue;
             order.push_back(i);
-            taken.insert(i);
+            taken[static_cast<std::size_t>(i)] = 1;
         }
     }
     for (int32_t i = 0; i < count; ++i)
-        if (taken.count(i) == 0) order.push_back(i);
+        if (!taken[static_cast<std::size_t>(i)]) order.push_back(i);
 
     if (order.size() != vars.size()) {
         NIMBRA_LOG(error) << "########## Shuffle index size mismatch, please fix.";
         return;
     }
-    std::vector<ZelDataVariable> reordered;
-    reordered.reserve(vars.size());
-    for (int32_t i : order) reordered.push_back(std::move(vars[static_cast<std::size_t>(i)]));
-    vars = std::move(reordered);
+    // Apply the permutation (new position i takes the record at order[i])
+    // in place, one cycle at a time; `taken` now marks placed positions.
+    std::fill(taken.begin(), taken.end(), 0);
+    for (std::size_t start = 0; start < vars.size(); ++start) {
+        if (taken[start] || static_cast<std::size_t>(order[start]) == start) continue;
+        ZelDataVariable held = std::move(vars[start]);
+        std::size_t position = start;
+        for (;;) {
+            taken[position] = 1;
+            const auto source = static_cast<std::size_t>(order[position]);
+            if (source == start) {
+                vars[position] = std::move(held);
+                break;
+            }
+            vars[position] = std::move(vars[source]);
+            position = source;
+        }
+    }
 }
 
 CoordinateVariables findCoordinateVariables(const ZelData& data) {

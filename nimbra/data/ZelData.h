@@ -32,6 +32,10 @@ struct ZelDataVariable {
 
 class ZelData {
 public:
+    // Bytes of heap one AOI's private state takes, allocator overhead
+    // included (the decoder charges it against its memory budget).
+    static const int64_t kStateBytes;
+
     ZelData();
     ~ZelData();
     ZelData(const ZelData& other);
@@ -45,6 +49,14 @@ public:
     int32_t numColumns() const;
     int32_t matrixSize() const;  // rows x columns as a 32-bit product
     int32_t numVariables() const;
+
+    // True when every variable holds exactly rows x columns values, that
+    // product taken in 64 bits and within the 32-bit matrix size. The data
+    // file checks value counts against the 32-bit product only, so a grid of
+    // 3 x 0x55555556 points (the product wraps to 2) decodes with two values
+    // per variable; anything that walks rows and columns must refuse such a
+    // grid (see requireConsistentGrid).
+    bool gridIsConsistent() const;
 
     // Sets the grid shape. Existing variables are left as they are; callers
     // that change the shape of a filled matrix resize the values themselves.
@@ -87,7 +99,13 @@ public:
 
 private:
     struct State;
+    // An AOI that holds nothing but the defaults (0 x 0, no name, grid kind
+    // 2, no variables) has no state at all: a block can declare millions of
+    // such AOIs in four bytes each, and each must cost no more than its slot
+    // in the dataset. Readers treat a null state as the defaults; writers
+    // create it on first use.
     std::unique_ptr<State> state_;
+    State& state();
 };
 
 // The six coordinate channels of an AOI (X, Y, Z, U, V, W), -1 where absent.
@@ -96,5 +114,10 @@ struct CoordinateVariables {
     bool found = false;
 };
 CoordinateVariables findCoordinateVariables(const ZelData& data);
+
+// gridIsConsistent(), with one error line naming `function` and the first
+// variable that does not hold rows x columns values when it is false. The
+// analyses call it before they index a grid by row and column.
+bool requireConsistentGrid(const ZelData& data, const char* function);
 
 }  // namespace nimbra

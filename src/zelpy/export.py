@@ -127,6 +127,10 @@ def csv_bytes(ds, variables, all_points: bool = False) -> tuple[bytes, int]:
     for n in range(ds.num_data()):
         aoi = ds.data(n)
         rows, cols = aoi.num_rows(), aoi.num_columns()
+        if not aoi.grid_is_consistent():
+            # Row and column numbers would index past the values.
+            raise ValueError(f"AOI {n} declares {rows} x {cols} points, but its variables "
+                             f"hold {aoi.matrix_size()} values each")
         r, c = np.divmod(np.arange(rows * cols), max(cols, 1))
         block = np.empty((rows * cols, 3 + len(variables)), dtype=np.float64)
         block[:, 0] = n

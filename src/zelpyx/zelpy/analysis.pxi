@@ -35,6 +35,8 @@ cdef _dataset_triangulation(ZelDataSet dataset, int sub_sample):
     with nogil:
         mesh = new nimbra.GridTriangulation(deref(dataset.thisptr), sub_sample, 0)
     try:
+        if not mesh.valid():
+            raise ValueError("Error in calculating triangulation.")
         # uint32, the library's own index type: it holds every global index
         # and keeps the array half the size of int64 ones.
         result = np.empty((mesh.size(), 3), dtype=np.uint32)

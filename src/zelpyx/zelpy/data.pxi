@@ -204,6 +204,17 @@ cdef class ZelData:
         cdef nimbra.ZelDataVariable* record = self.thisptr.variable(n)
         return ZelDataVariableType(nimbra.Unknown if record == NULL else record.type)
 
+    def grid_is_consistent(self):
+        """True when every variable holds ``num_rows() * num_columns()`` values.
+
+        A data file checks value counts against the 32-bit product of rows
+        and columns only, so an AOI of 3 x 0x55555556 points (the product
+        wraps to 2) loads with two values per variable. The analyses refuse
+        such an AOI; code that indexes values by row and column should too.
+        """
+        self.__check_thisptr()
+        return self.thisptr.gridIsConsistent()
+
     def variable_index(self, str variable):
         """Index of the first variable named ``variable``; -1 when absent."""
         self.__check_thisptr()
@@ -434,6 +445,33 @@ cdef class ZelDataSet:
             ok = self.thisptr.decode(data, <int32_t>size, False)
         return ok
 
+    cdef bint _load_pieces(self, str path, list pieces):
+        # Decodes a block stored in a file as (offset, length) pieces (a
+        # member of an HDF5 file), read with pread straight into the
+        # variables.
+        cdef string native = os.fsencode(path)
+        cdef vector[nimbra.FilePiece] native_pieces
+        cdef nimbra.FilePiece piece
+        cdef cbool ok = False
+        for start, length in pieces:
+            piece.offset = start
+            piece.length = length
+            native_pieces.push_back(piece)
+        self._generation += 1
+        with nogil:
+            ok = self.thisptr.load(native, native_pieces)
+        return ok
+
+    cdef bint _reads_back(self, bytes block):
+        # A structural walk of the block: one line on standard error says
+        # why it would not read back.
+        cdef const uint8_t* data = <const uint8_t*>PyBytes_AS_STRING(block)
+        cdef int32_t size = <int32_t>len(block)
+        cdef cbool ok = False
+        with nogil:
+            ok = self.thisptr.readsBack(data, size)
+        return ok
+
     # ------------------------------------------------------------ files
 
     def load(self, str file_name):
@@ -441,7 +479,7 @@ cdef class ZelDataSet:
         self.__check_thisptr()
         parts = self.__is_hdf5(file_name)
         if parts:
-            self.load_from_data(_read_hdf5_member(parts[0], parts[1]), file_name)
+            _load_hdf5_member(self, parts[0], parts[1], file_name)
             return
         cdef string path = _utf8(file_name)
         cdef cbool ok = False
@@ -466,7 +504,12 @@ cdef class ZelDataSet:
         """Writes the dataset to a ".out" file or into an HDF5 file ("file.h5:out:N").
 
         Without a name the dataset's own file name is used. An existing file
-        is replaced only once the new one is completely written.
+        (or member) is replaced only once the new one is completely written
+        and found to read back; a ".out" file keeps its permissions. A
+        dataset whose data file would not read back (one without AOIs, or an
+        AOI with a non-ASCII name followed by another AOI) raises OSError
+        "Unable to save file: ..." and leaves the old file untouched; the line
+        on standard error says why.
         """
         self.__check_thisptr()
         if file_name is None:
@@ -475,7 +518,10 @@ cdef class ZelDataSet:
                 raise NameError("A file name is required")
         parts = self.__is_hdf5(file_name)
         if parts:
-            _write_hdf5_member(parts[0], parts[1], self.export_raw())
+            block = self.export_raw()
+            if not self._reads_back(block):
+                raise OSError("Unable to save file: " + file_name)
+            _write_hdf5_member(parts[0], parts[1], block, file_name)
             return
         cdef string path = _utf8(file_name)
         cdef cbool ok = False
@@ -706,7 +752,8 @@ cdef class ZelDataSet:
         Invalid points, and points whose window holds no slope information
         (a window of 1, valid points on one line), get 0. Raises ValueError
         "Error in smooth variable." for an unknown variable, an AOI without
-        a confidence variable or a window below 1.
+        a confidence variable, an AOI whose variables do not fill its grid
+        (see ZelData.grid_is_consistent) or a window below 1.
         """
         self.__check_thisptr()
         self._touch_names((variable,))
@@ -769,7 +816,8 @@ cdef class ZelDataSet:
         Invalid points get 0 in e1, e2, gamma, e_tresca and e_vonmises.
         Raises ValueError "Error in calculating strain." when an AOI fails
         (window below 3, no confidence variable, no complete coordinate
-        set); AOIs before it keep their results.
+        set, variables that do not fill the grid); AOIs before it keep their
+        results.
         """
         self.__check_thisptr()
         self._touch()
@@ -796,6 +844,10 @@ cdef class ZelDataSet:
             :meth:`get_values` (all AOIs concatenated, AOI 0 first; point
             row * columns + column of AOI k follows the points of AOIs
             0 .. k-1).
+
+        Raises ValueError "Error in calculating triangulation." when an AOI's
+        variables do not fill its grid (see ZelData.grid_is_consistent): its
+        indices, and those of every AOI after it, would be wrong.
         """
         self.__check_thisptr()
         return _dataset_triangulation(self, sub_sample)
@@ -909,78 +961,6 @@ cdef class ZelDataSet:
         a corner is not a valid point in this dataset (locate again then)."""
         self.__check_thisptr()
         return _dataset_interpolate(self, location, variable_list)
-
-
-cdef object _h5py():
-    # h5py is imported on first use: it is slow to import and most scripts
-    # only read ".out" files.
-    import h5py
-    return h5py
-
-
-cdef object _read_hdf5_member(str path, str index):
-    h5py = _h5py()
-    try:
-        handle = h5py.File(path, "r")
-    except Exception:
-        raise OSError("Cannot open {}.".format(path))
-    try:
-        if "out" not in handle:
-            raise ValueError(path + " does not contain an 'out' group.")
-        group = handle["out"]
-        if index not in group:
-            error = ValueError(path + " does not contain 'out:" + index + "' dataset.")
-            _add_note(error, _keys_near(list(group.keys()), index))
-            raise error
-        member = group[index]
-        block = np.empty(member.shape, dtype=np.uint8).reshape(-1)
-        if block.shape[0]:
-            member.read_direct(block)
-        return block
-    finally:
-        handle.close()
-
-
-cdef str _keys_near(list keys, str index):
-    """The keys of the group "out" closest to a missing ``index``, as a note.
-
-    Writers keep the digits of the file name ("0007"), so "7" is usually
-    the right number spelt without its zeros: numeric keys are ranked by
-    their distance to the wanted number, others by their sorted position.
-    """
-    if not keys:
-        return "The group 'out' is empty."
-    keys.sort()
-    numeric = [key for key in keys if key.isdigit()]
-    if index.isdigit() and numeric:
-        near = sorted(sorted(numeric, key=lambda key: (abs(int(key) - int(index)), key))[:5])
-    else:
-        position = sum(1 for key in keys if key < index)
-        start = max(0, min(position - 2, len(keys) - 5))
-        near = keys[start:start + 5]
-    return ("Keys near '" + index + "': " + ", ".join("'" + key + "'" for key in near)
-            + " (" + str(len(keys)) + " in all).")
-
-
-cdef object _write_hdf5_member(str path, str index, bytes block):
-    h5py = _h5py()
-    try:
-        handle = h5py.File(path, "a")
-    except Exception:
-        raise OSError("Cannot open " + path + ".")
-    try:
-        group = handle.require_group("out")
-        # The new member is complete before the old one goes, so an
-        # interrupted save never loses the stored dataset.
-        temporary = index + ".partial"
-        if temporary in group:
-            del group[temporary]
-        group.create_dataset(temporary, data=np.frombuffer(block, dtype=np.uint8))
-        if index in group:
-            del group[index]
-        group.move(temporary, index)
-    finally:
-        handle.close()
 
 
 def change_file_extension(str full_file_name not None, str extension not None):

@@ -1,8 +1,6 @@
 # Finding datasets (directories, glob patterns, HDF5 files, projects), handing
 # them out as ZelDataSet objects and writing them back.
 
-import mmap as _mmap
-
 # Extensions a reader source may have, tested in this order and
 # case-sensitively: "x.OUT" is not a data file.
 _SOURCE_EXTENSIONS = (".z3d", ".z2d", ".h5", ".out")
@@ -52,82 +50,8 @@ cdef object _list_out_files(str directory):
     return result
 
 
-cdef object _hdf5_member_span(str path, str key):
-    """(offset, size, first bytes) of member ``key`` of the group "out" when
-    they lie in the file as they are (contiguous, unfiltered, not external);
-    None in every other case."""
-    h5py = _h5py()
-    # The low-level interface: this runs once per dataset read, and the
-    # high-level objects cost more than the checks themselves.
-    try:
-        file_id = h5py.h5f.open(os.fsencode(path), h5py.h5f.ACC_RDONLY)
-    except Exception:
-        return None
-    try:
-        # Another handle of this process may hold writes that are not on
-        # disk yet; then only the library knows the current bytes.
-        if h5py.h5f.get_obj_count(file_id, h5py.h5f.OBJ_FILE) != 1:
-            return None
-        member = h5py.h5d.open(file_id, b"out/" + key.encode("utf-8"))
-        space = member.get_space()
-        if member.dtype != np.uint8 or space.get_simple_extent_ndims() != 1:
-            return None
-        plist = member.get_create_plist()
-        if (plist.get_layout() != h5py.h5d.CONTIGUOUS or plist.get_nfilters() != 0
-                or plist.get_external_count() != 0):
-            return None
-        offset = member.get_offset()
-        size = space.shape[0]
-        if offset is None or size == 0 or member.get_storage_size() != size:
-            return None
-        # The first bytes read through the library must be those at the
-        # offset, or the mapping is not trusted.
-        head = np.empty(min(size, 64), dtype=np.uint8)
-        space.select_hyperslab((0,), (head.shape[0],))
-        member.read(h5py.h5s.create_simple(head.shape), space, head)
-        return offset, size, head.tobytes()
-    except Exception:
-        return None
-    finally:
-        file_id.close()
-
-
-cdef bint _decode_mapped(object dataset, str path, object offset, object size, str name,
-                         bytes head) except -1:
-    """Decode ``size`` bytes at ``offset`` of the file ``path`` into
-    ``dataset`` straight from a read-only mapping. False when the file cannot
-    be mapped or its bytes differ from ``head``; the ValueError of
-    load_from_data when they do not decode."""
-    try:
-        with open(path, "rb") as stream:
-            start = offset - offset % _mmap.ALLOCATIONGRANULARITY
-            mapped = _mmap.mmap(stream.fileno(), (offset - start) + size, offset=start,
-                                access=_mmap.ACCESS_READ)
-    except (OSError, ValueError, OverflowError):
-        return False
-    try:
-        with memoryview(mapped) as whole:
-            with whole[offset - start:offset - start + size] as view:
-                if view[:len(head)] != head:
-                    return False
-                dataset.load_from_data(view, name)
-                return True
-    finally:
-        mapped.close()
-
-
 def _load_dataset(str name):
     dataset = ZelDataSet()
-    parts = name.split(_HDF5_MARK)
-    if len(parts) == 2 and parts[0].endswith(".h5"):
-        # A member stored as it is in the file is decoded straight from the
-        # page cache: one pass over the bytes instead of a read through the
-        # library into a buffer followed by the decode. Other layouts (and
-        # every failure to map) go through ZelDataSet.load; an undecodable
-        # member raises what load() raises for it.
-        span = _hdf5_member_span(parts[0], parts[1])
-        if span is not None and _decode_mapped(dataset, parts[0], span[0], span[1], name, span[2]):
-            return dataset
     dataset.load(name)
     return dataset
 
@@ -249,7 +173,7 @@ class ZelDataSetReader:
                     raise ValueError(h5_file_name + " does not contain an 'out' group.")
                 self.h5_file_path = os.path.abspath(h5_file_name)
                 prefix = self.h5_file_path + _HDF5_MARK
-                self.dataset_list = [prefix + key for key in h5_file["out"].keys()]
+                self.dataset_list = [prefix + key for key in _hdf5_keys(h5_file["out"])]
                 self.dataset_list.sort()
         except Exception as exc:
             self.__reset()

@@ -23,6 +23,7 @@ cdef extern from "nimbra/log/Log.h" namespace "nimbra::log" nogil:
     bool log_exists "nimbra::log::exists"() nogil
     void log_set_max_severity "nimbra::log::setMaxSeverity"(Severity) nogil
     Severity log_max_severity "nimbra::log::maxSeverity"() nogil
+    void log_write "nimbra::log::write"(Severity, const string&) nogil
     uint64_t log_thread_error_count "nimbra::log::threadErrorCount"() nogil
     vector[string] log_thread_errors_since "nimbra::log::threadErrorsSince"(uint64_t) nogil
 
@@ -75,6 +76,7 @@ cdef extern from "nimbra/data/ZelData.h" namespace "nimbra" nogil:
         int32_t numColumns()
         int32_t matrixSize()
         int32_t numVariables()
+        bool gridIsConsistent()
         void setSize(int32_t rows, int32_t columns)
         const string& name()
         void setName(const string&) except +
@@ -93,6 +95,10 @@ cdef extern from "nimbra/data/ZelData.h" namespace "nimbra" nogil:
 
 
 cdef extern from "nimbra/data/ZelDataSet.h" namespace "nimbra" nogil:
+    cdef cppclass FilePiece:
+        int64_t offset
+        int64_t length
+
     cdef cppclass ZelDataSet:
         ZelDataSet() except +
         ZelDataSet(const ZelDataSet&) except +
@@ -107,9 +113,11 @@ cdef extern from "nimbra/data/ZelDataSet.h" namespace "nimbra" nogil:
         void setDeformedImage(const string&) except +
         bool decode(const uint8_t*, int32_t, bool) except + nogil
         bool load(const string&) except + nogil
+        bool load(const string&, const vector[FilePiece]&) except + nogil
         int64_t encodedSize()
         bool encodeInto(uint8_t*, int64_t, bool) nogil
         bool save(const string&) except + nogil
+        bool readsBack(const uint8_t*, int32_t) nogil
 
 
 cdef extern from "nimbra/data/FileNames.h" namespace "nimbra" nogil:
@@ -149,6 +157,7 @@ cdef extern from "nimbra/analysis/Strain.h" namespace "nimbra":
 cdef extern from "nimbra/analysis/Triangulation.h" namespace "nimbra":
     cdef cppclass GridTriangulation:
         GridTriangulation(const ZelDataSet&, int, int) except + nogil
+        bool valid() nogil
         int64_t size() nogil
         void write(uint32_t*) nogil
 

@@ -105,6 +105,7 @@ cdef object _add_note(exc, str note):
 # --------------------------------------------------------------------- areas
 
 include "data.pxi"
+include "hdf5.pxi"
 include "analysis.pxi"
 include "surface.pxi"
 include "geometry.pxi"

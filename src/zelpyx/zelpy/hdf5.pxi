@@ -1,0 +1,308 @@
+# HDF5 storage of datasets: each dataset is one member of the group "out",
+# a one-dimensional array of bytes holding its data file.
+#
+# A member is untrusted input like any data file: before anything is
+# allocated for it, its declared size is held against the size of the file
+# and the format's limit, and members whose bytes live elsewhere (links to
+# other files, external storage, virtual datasets) are refused. Every way a
+# member can fail ends in one of the errors ZelDataSet.load documents.
+
+# The data file format addresses its bytes with signed 32-bit offsets.
+_MAX_BLOCK = 0x7FFFFFFF
+# Deflate, the strongest filter h5py reads without plugins, expands at most
+# 1032-fold; a filtered member that declares more, for the size of its file,
+# is not what it claims to be.
+_MAX_EXPANSION = 1032
+# A save writes the new member under this suffix and renames it over the
+# old one once complete; readers never see such members.
+_PARTIAL = ".partial"
+# Attribute of the group "out" naming the member a save is writing, so that
+# the next save removes it when this one never finished (a full disk).
+_PARTIAL_MARK = "zelpy_partial"
+_PARTIAL_MARK_TYPE = np.dtype("S256")
+
+
+cdef object _h5py():
+    # h5py is imported on first use: it is slow to import and most scripts
+    # only read ".out" files.
+    import h5py
+    return h5py
+
+
+cdef _log_error(str message):
+    cdef string text = _utf8(message)
+    nimbra.log_write(nimbra.log_error, text)
+
+
+cdef object _refused(str path, str key, str why):
+    _log_error(path + ":out:" + key + " refused: " + why)
+    return ValueError("Unable to decode memory buffer")
+
+
+cdef object _member_plan(object h5py, object file_id, str path, str key):
+    """How to read member ``key``: ("pieces", [(offset, length), ...]) when
+    its bytes lie in the file as they are (one piece, or one per run of
+    chunks), so they can be read straight into the variables, or ("bytes",
+    array) with the bytes read through HDF5."""
+    missing = path + " does not contain 'out:" + key + "' dataset."
+    try:
+        group = h5py.h5g.open(file_id, b"out")
+    except Exception:
+        raise ValueError(path + " does not contain an 'out' group.") from None
+    encoded = key.encode("utf-8")
+    try:
+        link = group.links.get_info(encoded) if group.links.exists(encoded) else None
+    except Exception:
+        link = None
+    if link is None:
+        try:
+            keys = _hdf5_keys(h5py.Group(group))
+        except Exception:
+            keys = None
+        error = ValueError(missing)
+        if keys is not None:
+            _add_note(error, _keys_near(keys, key))
+        raise error
+    if link.type == h5py.h5l.TYPE_EXTERNAL:
+        _log_error(path + ":out:" + key + " is a link to another file, which is not followed.")
+        raise ValueError(missing)
+    try:
+        member = h5py.h5o.open(group, encoded)
+    except Exception:
+        raise ValueError(missing) from None
+    if not isinstance(member, h5py.h5d.DatasetID):
+        raise ValueError(missing)
+
+    try:
+        dtype = member.dtype
+        space = member.get_space()
+        plist = member.get_create_plist()
+        layout = plist.get_layout()
+        external = plist.get_external_count()
+        filtered = plist.get_nfilters() > 0
+        simple = space.get_simple_extent_type() == h5py.h5s.SIMPLE
+        rank = space.get_simple_extent_ndims() if simple else 0
+        file_size = os.stat(path).st_size
+    except Exception as exc:
+        raise _refused(path, key, "its layout cannot be read (" + str(exc) + ").") from None
+    if layout == h5py.h5d.VIRTUAL:
+        raise _refused(path, key, "it is a virtual dataset.")
+    if external:
+        raise _refused(path, key, "its bytes are stored in another file.")
+    if dtype.kind not in "ui" or dtype.itemsize != 1:
+        raise _refused(path, key, "it holds values of type " + str(dtype) + ", not bytes.")
+    if rank != 1:
+        raise _refused(path, key, "it is not a one-dimensional array of bytes.")
+    size = space.shape[0]
+    if size > _MAX_BLOCK:
+        raise _refused(path, key, "it declares " + str(size) + " bytes, more than a data file "
+                       "can hold (" + str(_MAX_BLOCK) + ").")
+    if size > file_size * (_MAX_EXPANSION if filtered else 1):
+        raise _refused(path, key, "it declares " + str(size) + " bytes in a file of "
+                       + str(file_size) + " bytes.")
+    mem_type = np.int8 if dtype.kind == "i" else np.uint8
+
+    try:
+        # Another handle of this process may hold writes that are not on
+        # disk yet; then only HDF5 itself knows the current bytes.
+        pieces = None
+        if h5py.h5f.get_obj_count(file_id, h5py.h5f.OBJ_FILE) == 1 and not filtered and size:
+            pieces = _member_pieces(member, layout, size, file_size)
+        if pieces:
+            # The first bytes read through HDF5 must be those at the first
+            # piece, or the addresses are not trusted.
+            count = min(size, 64)
+            head = np.empty(count, dtype=mem_type)
+            space.select_hyperslab((0,), (count,))
+            member.read(h5py.h5s.create_simple((count,)), space, head)
+            with open(path, "rb") as stream:
+                if os.pread(stream.fileno(), count, pieces[0][0]) == head.tobytes():
+                    return ("pieces", pieces)
+        block = np.empty(size, dtype=mem_type)
+        if size:
+            member.read(h5py.h5s.ALL, h5py.h5s.ALL, block)
+        return ("bytes", block.view(np.uint8))
+    except Exception as exc:
+        raise _refused(path, key, "its bytes cannot be read (" + str(exc) + ").") from None
+
+
+cdef object _member_pieces(object member, int layout, object size, object file_size):
+    """Where the bytes of an unfiltered member lie in the file: a list of
+    (offset, length) in order, adjacent pieces merged; None when they do not
+    all lie there (chunks never written, or a layout without addresses)."""
+    h5py = _h5py()
+    if layout == h5py.h5d.CONTIGUOUS:
+        offset = member.get_offset()
+        found = [] if offset is None else [(offset, 0, size)]
+    elif layout == h5py.h5d.CHUNKED and hasattr(member, "chunk_iter"):
+        found = []
+        member.chunk_iter(lambda info: found.append((info.byte_offset, info.chunk_offset[0],
+                                                     info.size)))
+    else:
+        return None
+    found.sort(key=lambda chunk: chunk[1])
+    pieces = []
+    covered = 0
+    for offset, start, stored in found:
+        if start != covered or offset is None:
+            return None
+        length = min(stored, size - covered)
+        if offset + length > file_size:
+            return None
+        if pieces and pieces[-1][0] + pieces[-1][1] == offset:
+            pieces[-1] = (pieces[-1][0], pieces[-1][1] + length)
+        else:
+            pieces.append((offset, length))
+        covered += length
+        if covered == size:
+            return pieces
+    return None
+
+
+cdef _load_hdf5_member(ZelDataSet dataset, str path, str key, str name):
+    """Decodes member ``key`` of the group "out" of the HDF5 file ``path``
+    into ``dataset`` (as ZelDataSet.load does for "path:out:key")."""
+    if key.endswith(_PARTIAL):
+        # A member still being written, or left by a save that failed.
+        raise ValueError(path + " does not contain 'out:" + key + "' dataset.")
+    h5py = _h5py()
+    try:
+        file_id = h5py.h5f.open(os.fsencode(path), h5py.h5f.ACC_RDONLY)
+    except Exception:
+        raise OSError("Cannot open {}.".format(path)) from None
+    try:
+        plan = _member_plan(h5py, file_id, path, key)
+    finally:
+        file_id.close()
+    if plan[0] == "bytes":
+        dataset.load_from_data(plan[1], name)
+    elif dataset._load_pieces(path, plan[1]):
+        dataset._file_name = name
+    else:
+        raise ValueError("Unable to decode memory buffer")
+
+
+cdef _mark_partial(object group, bytes name):
+    """Records on the group the member a save is writing (empty: none).
+
+    A fixed-size attribute rewritten in place: adding and deleting one on
+    every save would take small pieces out of the space freed by replaced
+    members, and the next member would no longer fit there.
+    """
+    attrs = group.attrs
+    if _PARTIAL_MARK in attrs and attrs.get_id(_PARTIAL_MARK).dtype == _PARTIAL_MARK_TYPE:
+        attrs.modify(_PARTIAL_MARK, np.bytes_(name))
+    else:
+        if _PARTIAL_MARK in attrs:
+            del attrs[_PARTIAL_MARK]
+        attrs.create(_PARTIAL_MARK, np.bytes_(name), dtype=_PARTIAL_MARK_TYPE)
+
+
+cdef _write_chunked(object group, str key, bytes block):
+    """Writes ``block`` as a new member in chunks of one size.
+
+    A replaced member frees whole chunks, which hold the chunks of the next
+    member of about the same size whatever its exact length: rewriting a
+    member whose size changed by a few bytes then reuses its space instead
+    of growing the file. About 16 chunks per member, a power of two of 4 KiB
+    to 1 MiB, keep both the calls and the unused tail of the last chunk
+    small. The chunks are written straight to the file: a write that fails
+    (a full disk) raises here, where HDF5's chunk cache would only fail
+    later, when the member is closed, and leave the library unusable.
+    """
+    cdef Py_ssize_t size = len(block)
+    cdef Py_ssize_t chunk = 4096
+    while chunk < 1 << 20 and chunk * 16 < size:
+        chunk *= 2
+    if size <= chunk:
+        chunk = size
+    member = group.create_dataset(key, shape=(size,), dtype=np.uint8, chunks=(chunk,))
+    view = memoryview(block)
+    cdef Py_ssize_t whole = size - size % chunk
+    cdef Py_ssize_t start
+    for start in range(0, whole, chunk):
+        member.id.write_direct_chunk((start,), view[start:start + chunk])
+    if whole < size:
+        last = bytearray(chunk)
+        last[:size - whole] = view[whole:]
+        member.id.write_direct_chunk((whole,), last)
+
+
+cdef _write_hdf5_member(str path, str key, bytes block, str name):
+    """Stores ``block`` as member ``key`` of the group "out" of ``path``.
+
+    The new member is complete before the old one goes, so an interrupted
+    save keeps the stored dataset. Files created here track their free space
+    on disk, so that the chunks of a replaced member (see _write_chunked)
+    are used again by later saves instead of the file growing by a copy on
+    every rewrite.
+    """
+    h5py = _h5py()
+    try:
+        try:
+            handle = h5py.File(path, "x", fs_strategy="fsm", fs_persist=True, fs_threshold=1)
+        except FileExistsError:
+            handle = h5py.File(path, "a")
+    except Exception:
+        raise OSError("Cannot open " + path + ".") from None
+    try:
+        group = handle.require_group("out")
+        temporary = key + _PARTIAL
+        stale = group.attrs.get(_PARTIAL_MARK)
+        leftovers = {temporary}
+        if isinstance(stale, bytes) and stale:
+            leftovers.add(stale.decode("utf-8", "replace"))
+        for leftover in leftovers:
+            if leftover in group:
+                del group[leftover]
+        mark = temporary.encode("utf-8")
+        if len(mark) > _PARTIAL_MARK_TYPE.itemsize:
+            mark = b""  # too long to record; only a save of this key removes it
+        _mark_partial(group, mark)
+        try:
+            _write_chunked(group, temporary, block)
+        except BaseException:
+            # Best effort: on a full disk this may fail as well, and the
+            # mark then tells the next save what to remove.
+            try:
+                del group[temporary]
+                _mark_partial(group, b"")
+            except Exception:
+                pass
+            raise
+        if key in group:
+            del group[key]
+        group.move(temporary, key)
+        _mark_partial(group, b"")
+    except Exception as exc:
+        _log_error("Could not write " + name + ": " + str(exc))
+        raise OSError("Unable to save file: " + name) from None
+    finally:
+        handle.close()
+
+
+cdef str _keys_near(list keys, str index):
+    """The keys of the group "out" closest to a missing ``index``, as a note.
+
+    Writers keep the digits of the file name ("0007"), so "7" is usually
+    the right number spelt without its zeros: numeric keys are ranked by
+    their distance to the wanted number, others by their sorted position.
+    """
+    if not keys:
+        return "The group 'out' is empty."
+    keys.sort()
+    numeric = [key for key in keys if key.isdigit()]
+    if index.isdigit() and numeric:
+        near = sorted(sorted(numeric, key=lambda key: (abs(int(key) - int(index)), key))[:5])
+    else:
+        position = sum(1 for key in keys if key < index)
+        start = max(0, min(position - 2, len(keys) - 5))
+        near = keys[start:start + 5]
+    return ("Keys near '" + index + "': " + ", ".join("'" + key + "'" for key in near)
+            + " (" + str(len(keys)) + " in all).")
+
+
+cdef list _hdf5_keys(object group):
+    """The dataset keys of the group "out", without members of saves in
+    progress."""
+    return [key for key in group.keys() if not key.endswith(_PARTIAL)]
