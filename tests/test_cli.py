@@ -19,6 +19,15 @@ import pytest
 import zelpy
 from zelpy.demo import DemoSeries
 
+try:
+    import distributed  # noqa: F401
+    HAVE_DASK = True
+except ImportError:
+    HAVE_DASK = False
+# --jobs 2 runs a local dask cluster; without dask the command says so and
+# runs in its own process, which tests/test_series.py covers.
+needs_dask = pytest.mark.skipif(not HAVE_DASK, reason="--jobs 2 needs dask.distributed")
+
 TIMEOUT = 120
 
 # Small but not tiny: 121 x 121 points over 80 mm is a 0.67 mm pitch, so the
@@ -156,7 +165,7 @@ def test_demo_far_field_strain_is_exact(demo):
 # ------------------------------------------------------------------ help and usage
 
 @pytest.mark.parametrize("command", ["demo", "info", "strain", "convert", "export",
-                                     "plot", "serve"])
+                                     "series", "plot", "serve"])
 def test_every_subcommand_has_help(command):
     result = run(command, "--help")
     assert result.returncode == 0
@@ -241,6 +250,7 @@ def test_info_lists_datasets_aois_and_variable_ranges(series):
 
 # ------------------------------------------------------------------ strain
 
+@needs_dask
 def test_strain_jobs_1_and_2_give_identical_results(series, tmp_path):
     for jobs in (1, 2):
         result = run("strain", series, "-o", tmp_path / f"jobs{jobs}.h5", "--jobs", jobs, "--tresca",
@@ -272,7 +282,7 @@ def test_strain_in_place_keeps_names_and_adds_variables(out_dir):
     ("corrupt", "cannot be read: Unknown file type. 0"),
     ("no coordinates", "strain failed: Could not find coordinates for strain computation."),
 ])
-@pytest.mark.parametrize("jobs", [1, 2])
+@pytest.mark.parametrize("jobs", [1, pytest.param(2, marks=needs_dask)])
 def test_failing_file_is_named_with_the_cause_and_the_others_are_processed(out_dir, jobs, damage, why):
     names = names_of(out_dir)
     bad = out_dir / names[1]

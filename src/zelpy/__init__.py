@@ -21,3 +21,12 @@ __all__ = sorted(name for name, value in vars(_core).items()
 globals().update({name: getattr(_core, name) for name in __all__})
 
 __version__ = "0.1.0"
+
+
+def __getattr__(name):
+    # zelpy.series needs only numpy to import, but pulls in pandas and dask
+    # when used; it is loaded on first access rather than with zelpy.
+    if name == "series":
+        import importlib
+        return importlib.import_module("zelpy.series")
+    raise AttributeError(f"module 'zelpy' has no attribute '{name}'")

@@ -8,6 +8,8 @@ import numpy.typing as npt
 
 __version__: str
 
+from zelpy import series as series
+
 class ZelDataVariableType(enum.Enum):
     PixelCoordinate = 0
     GlobalCoordinate = 1

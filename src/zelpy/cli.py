@@ -21,6 +21,9 @@ EXIT_FAILED = 1
 EXIT_USAGE = 2
 EXIT_INTERRUPTED = 130
 
+# Below this many datasets per core, the default runs in this process.
+DATASETS_PER_WORKER = 4
+
 TENSORS = {
     "lagrange": "LagrangeStrainTensor",
     "hencky": "HenckyStrainTensor",
@@ -50,41 +53,13 @@ def _say(message: str) -> None:
         print(message, file=sys.stderr)
 
 
-class _LibraryLines:
-    """The error lines the library logged on this thread since creation.
-
-    Read when used, so a handler inside the block already sees the line that
-    explains the failure it handles.
-    """
-
-    def __init__(self):
-        import zelpy
-        self._mark = zelpy.log_error_count()
-
-    def _lines(self) -> list[str]:
-        import zelpy
-        return [line.strip() for line in zelpy.log_errors_since(self._mark) if line.strip()]
-
-    def __iter__(self):
-        return iter(self._lines())
-
-    def __len__(self):
-        return len(self._lines())
-
-    def __getitem__(self, index):
-        return self._lines()[index]
-
-
-@contextlib.contextmanager
 def _library_messages():
-    """The library's own explanation of what fails in the block.
-
-    The library keeps its error lines per thread, so this needs neither the
-    standard error stream nor a lock, and works the same on worker threads.
-    While a command runs the library's console output is off (see main): its
-    lines reach the user folded into the command's one-line messages.
-    """
-    yield _LibraryLines()
+    """The library's own explanation of what fails in the block (see
+    zelpy.series.library_messages). While a command runs the library's
+    console output is off (see main): its lines reach the user folded into
+    the command's one-line messages."""
+    from zelpy.series import library_messages
+    return library_messages()
 
 
 @contextlib.contextmanager
@@ -248,6 +223,7 @@ def cmd_demo(args) -> int:
           f"(-3 * nu * S / E = {-3 * plate.poisson * result.stress / plate.young:.6f} "
           f"at the edge)")
     print(f"  wrote         {result.h5_path}")
+    print(f"                {result.project_path} (with time, force and stress per image)")
     if result.png_path:
         print(f"                {result.png_path}")
     print(f"  time          {result.seconds:.2f} s")
@@ -337,43 +313,31 @@ def _window_problem(ds, window: int) -> str | None:
     return None
 
 
-def _compute_strain(ds, options: dict) -> None:
-    import zelpy
+class _StrainJob:
+    """Strain on one dataset; runs in this process or on a cluster worker.
 
-    problem = _window_problem(ds, options["window_size"])
-    if problem:
-        raise DatasetError(f"{ds.file_name()}: {problem}")
-    opts = dict(options)
-    opts["tensor_type"] = getattr(zelpy.TensorType, opts.pop("tensor"))
-    with _library_messages() as lines:
-        try:
-            ds.compute_strain(**opts)
-        except Exception as exc:
-            raise DatasetError(f"{ds.file_name()}: strain failed: "
-                               f"{_detail(exc, lines)}") from None
+    A worker sends the dataset back encoded (a ZelDataSet does not travel
+    as it is); in this process the dataset itself is handed on.
+    """
 
+    def __init__(self, options: dict, encode: bool):
+        self.options = options
+        self.encode = encode
 
-def _worker_init() -> None:
-    # Ctrl-C is the parent's business: it stops handing out work and lets
-    # the workers finish or be dropped; they never write files.
-    signal.signal(signal.SIGINT, signal.SIG_IGN)
-    import zelpy
-    zelpy.set_log_severity(0)   # as in main: the lines come back folded in
+    def __call__(self, ds):
+        import zelpy
 
-
-def _strain_job(name: str, raw: bytes, options: dict):
-    """Runs in a worker process: strain on one encoded dataset."""
-    import zelpy
-
-    ds = zelpy.ZelDataSet()
-    try:
-        ds.load_from_data(raw, name)
-        _compute_strain(ds, options)
-    except DatasetError as exc:
-        return name, False, str(exc)
-    except Exception as exc:
-        return name, False, f"{name}: {exc}"
-    return name, True, ds.export_raw()
+        problem = _window_problem(ds, self.options["window_size"])
+        if problem:
+            raise ValueError(problem)
+        opts = dict(self.options)
+        opts["tensor_type"] = getattr(zelpy.TensorType, opts.pop("tensor"))
+        with _library_messages() as lines:
+            try:
+                ds.compute_strain(**opts)
+            except Exception as exc:
+                raise RuntimeError(f"strain failed: {_detail(exc, lines)}") from None
+        return ds.export_raw() if self.encode else ds
 
 
 def _output_directory(path: str, what: str) -> None:
@@ -431,6 +395,48 @@ def _store(save, ds, name: str) -> None:
         raise DatasetError(f"{name}: cannot be written: {_detail(exc, lines)}") from None
 
 
+def _executor(args, total: int):
+    """What runs the datasets: --scheduler, a local cluster of --jobs
+    workers (default: one per core), or this process (--jobs 1, a single
+    dataset, or no dask installed)."""
+    from zelpy import series
+
+    if getattr(args, "scheduler", None):
+        if series._distributed() is None:
+            raise CliError(f"--scheduler needs dask.distributed: {series.CLUSTER_HINT}")
+        return series.open_executor(args.scheduler)
+    jobs = args.jobs
+    if jobs is None:
+        # A local cluster costs a second or more to start (an interpreter
+        # per worker); it pays for itself from a few datasets per worker on.
+        jobs = min(os.cpu_count() or 1, total // DATASETS_PER_WORKER)
+        if jobs < 2 or series._distributed() is None:
+            return series.open_executor("inline")
+    if jobs == 1 or total <= 1:
+        return series.open_executor("inline")
+    if series._distributed() is None:
+        _say(f"zelpy {args.command}: dask.distributed is not installed, so the "
+             f"datasets run in this process ({series.CLUSTER_HINT})")
+        return series.open_executor("inline")
+    # The command's cluster lives as long as the command's work, and is shut
+    # down before the last line is printed.
+    return series.open_executor("local", min(jobs, total), keep=False)
+
+
+def _outcomes(args, job_for, names, transfer=None):
+    """Yields (position, ok, result or message) per dataset as they finish,
+    on the executor the options choose. ``job_for(remote)`` makes the
+    per-dataset function."""
+    from zelpy import series
+
+    try:
+        with _executor(args, len(names)) as client:
+            yield from series._outcomes(job_for(client is not None), list(enumerate(names)),
+                                        client, transfer or args.transfer)
+    except OSError as exc:
+        raise CliError(str(exc)) from None
+
+
 def cmd_strain(args) -> int:
     import zelpy
 
@@ -447,84 +453,33 @@ def cmd_strain(args) -> int:
         raise CliError(problem)
     save = _make_writer(reader, args.output)
     total = len(names)
+    # Writing back into the HDF5 file the workers read from would make them
+    # race for the file; then this process reads and sends the bytes.
+    transfer = "bytes" if args.output is None and reader.h5_file_path else None
     failed = done = 0
     bar = _progress(total, "strain", args.quiet)
     try:
-        if args.jobs <= 1 or total == 1:
-            for name in names:
-                try:
-                    ds = load_dataset(reader, name)
-                    _compute_strain(ds, options)
-                    _store(save, ds, name)
-                except DatasetError as exc:
-                    _say(f"zelpy strain: {exc}")
-                    failed += 1
-                done += 1
-                bar.update(1)
-        else:
-            for ok in _strain_parallel(reader, names, options, save, args.jobs):
-                failed += not ok
-                done += 1
-                bar.update(1)
+        for position, ok, result in _outcomes(args, lambda remote: _StrainJob(options, remote),
+                                             names, transfer):
+            name = names[position]
+            try:
+                if not ok:
+                    raise DatasetError(result)
+                if isinstance(result, bytes):
+                    ds = zelpy.ZelDataSet()
+                    ds.load_from_data(result, name)
+                    result = ds
+                _store(save, result, name)
+            except DatasetError as exc:
+                _say(f"zelpy strain: {exc}")
+                failed += 1
+            done += 1
+            bar.update(1)
     except KeyboardInterrupt:
         bar.close()
         return _interrupted("strain", done - failed, total)
     bar.close()
     return _finish("strain", failed, total)
-
-
-def _strain_parallel(reader, names, options, save, jobs):
-    """Yields True/False per finished dataset.
-
-    All file access stays in this process (an HDF5 file may not be opened
-    for writing here while a worker reads it), and only a few datasets are
-    in flight at a time so memory stays bounded.
-    """
-    import multiprocessing
-    from concurrent.futures import FIRST_COMPLETED, ProcessPoolExecutor, wait
-
-    import zelpy
-
-    context = multiprocessing.get_context("spawn")
-    pool = ProcessPoolExecutor(max_workers=jobs, mp_context=context,
-                               initializer=_worker_init)
-    pending = set()
-    queue = list(names)
-    clean = False
-    try:
-        while queue or pending:
-            while queue and len(pending) < 2 * jobs:
-                name = queue.pop(0)
-                try:
-                    raw = load_dataset(reader, name).export_raw()
-                except DatasetError as exc:
-                    _say(f"zelpy strain: {exc}")
-                    yield False
-                    continue
-                pending.add(pool.submit(_strain_job, name, raw, options))
-            if not pending:
-                continue
-            finished, pending = wait(pending, return_when=FIRST_COMPLETED)
-            for future in finished:
-                name, ok, payload = future.result()
-                if not ok:
-                    _say(f"zelpy strain: {payload}")
-                    yield False
-                    continue
-                ds = zelpy.ZelDataSet()
-                ds.load_from_data(payload, name)
-                try:
-                    _store(save, ds, name)
-                except DatasetError as exc:
-                    _say(f"zelpy strain: {exc}")
-                    yield False
-                    continue
-                yield True
-        clean = True
-    finally:
-        # On Ctrl-C, queued work is dropped; running workers only compute,
-        # so nothing on disk depends on them.
-        pool.shutdown(wait=clean, cancel_futures=True)
 
 
 # ----------------------------------------------------------------- convert
@@ -563,6 +518,26 @@ def _selected(reader, indices) -> list[str]:
     return list(dict.fromkeys(_pick(reader, i) for i in indices))
 
 
+class _ExportJob:
+    """One dataset as the bytes of its CSV or VTU file; the file itself is
+    written by the command, where the data lives."""
+
+    def __init__(self, fmt: str, variables, all_points: bool):
+        self.fmt, self.variables, self.all_points = fmt, variables, all_points
+
+    def __call__(self, ds) -> bytes:
+        from zelpy import export
+
+        try:
+            if self.fmt == "csv":
+                return export.csv_bytes(ds, self.variables, self.all_points)[0]
+            return export.vtu_bytes(ds, self.variables)[0]
+        except KeyError as exc:
+            raise ValueError(exc.args[0]) from None
+
+
+
+
 def cmd_export(args) -> int:
     import zelpy
     from zelpy import export
@@ -570,52 +545,52 @@ def cmd_export(args) -> int:
     reader = open_source(args.source)
     names = _selected(reader, args.dataset)
     outdir = args.output or _source_dir(reader, args.source)
+    variables = list(dict.fromkeys(args.variables)) if args.variables else None
+    first = _first_dataset(reader, names)
+    if first is not None:
+        have = first.variables()
+        repeated = export.repeated_variables(first)
+        if repeated and (variables is None or set(repeated) & set(variables)):
+            # Said once: a series computed this way repeats them everywhere.
+            shown = [v for v in repeated if variables is None or v in variables]
+            _say(f"zelpy export: {_repeated_note(shown, _short(first.file_name()))} "
+                 "(noted for the first dataset only)")
+        if variables is None:
+            variables = list(dict.fromkeys(have))
+        # A misspelt variable is a mistake on the command line, not a
+        # problem of one dataset: stop before anything is written.
+        try:
+            export.check_variables(first, variables)
+        except KeyError as exc:
+            raise CliError(exc.args[0]) from None
     _output_directory(outdir, "the output must be a directory")
     ext = "." + args.format
-    written, failed = [], 0
-    variables = list(dict.fromkeys(args.variables)) if args.variables else None
-    noted = False
+    written, failed = {}, 0
     bar = _progress(len(names), "export", args.quiet)
     try:
-        for name in names:
+        job = _ExportJob(args.format, variables or [], args.all_points)
+        for position, ok, result in _outcomes(args, lambda remote: job, names):
+            name = names[position]
+            path = os.path.join(outdir, os.path.basename(
+                zelpy.change_file_extension(name, ext)))
             try:
-                ds = load_dataset(reader, name)
-                repeated = export.repeated_variables(ds)
-                if repeated and not noted and (variables is None or set(repeated) & set(variables)):
-                    # Said once: a series computed this way repeats them everywhere.
-                    shown = [v for v in repeated if variables is None or v in variables]
-                    _say(f"zelpy export: {_repeated_note(shown, _short(name))} "
-                         "(noted for the first dataset only)")
-                    noted = True
-                if variables is None:
-                    variables = list(dict.fromkeys(ds.variables()))
-                elif not written and not failed:
-                    # A misspelt variable is a mistake on the command line,
-                    # not a problem of one dataset: stop before writing.
+                if not ok:
+                    raise DatasetError(result)
+                with _deferred_interrupt():
                     try:
-                        export.check_variables(ds, variables)
-                    except KeyError as exc:
-                        raise CliError(exc.args[0]) from None
-                path = os.path.join(outdir, os.path.basename(
-                    zelpy.change_file_extension(name, ext)))
-                with _deferred_interrupt(), _library_messages() as lines:
-                    try:
-                        if args.format == "csv":
-                            export.write_csv(ds, path, variables, args.all_points)
-                        else:
-                            export.write_vtu(ds, path, variables)
-                    except (KeyError, ValueError, OSError) as exc:
-                        msg = exc.args[0] if isinstance(exc, KeyError) else _detail(exc, lines)
-                        raise DatasetError(f"{name}: {msg}") from None
-                written.append(path)
+                        export.write_bytes(path, result)
+                    except OSError as exc:
+                        raise DatasetError(f"{name}: {exc}") from None
+                written[position] = path
             except DatasetError as exc:
                 _say(f"zelpy export: {exc}")
                 failed += 1
             bar.update(1)
         if args.format == "vtu" and len(written) > 1:
             stem = os.path.splitext(os.path.basename(
-                reader.get_data_source() or written[0]))[0]
-            export.write_pvd(os.path.join(outdir, stem + ".pvd"), written)
+                reader.get_data_source() or next(iter(written.values()))))[0]
+            export.write_pvd(os.path.join(outdir, stem + ".pvd"),
+                             [written[p] for p in sorted(written)])
     except KeyboardInterrupt:
         bar.close()
         return _interrupted("export", len(written), len(names))
@@ -623,6 +598,226 @@ def cmd_export(args) -> int:
     if not args.quiet:
         print(f"wrote {len(written)} {args.format.upper()} file(s) to {os.path.abspath(outdir)}")
     return _finish("export", failed, len(names))
+
+
+# ------------------------------------------------------------------ series
+
+def _numbers(count: int, what: str):
+    def parse(text: str) -> tuple[float, ...]:
+        try:
+            values = tuple(float(v) for v in text.split(","))
+        except ValueError:
+            values = ()
+        if len(values) != count or not all(map(math.isfinite, values)):
+            raise argparse.ArgumentTypeError(f"expected {what}, got '{text}'")
+        return values
+    return parse
+
+
+def _read_analog(args, reader):
+    """The analog data for --x analog:COLUMN: --analog FILE.csv, or the
+    project's own."""
+    import csv
+
+    if args.analog:
+        try:
+            with open(args.analog, newline="", encoding="utf-8") as stream:
+                rows = csv.DictReader(stream)
+                table = {"header": rows.fieldnames or []}
+                for name in table["header"]:
+                    table[name] = []
+                for row in rows:
+                    for name in table["header"]:
+                        table[name].append(row.get(name))
+                return table
+        except OSError as exc:
+            raise CliError(f"{args.analog}: {exc.strerror or exc}") from None
+    if not (args.x or "").startswith("analog:"):
+        return None
+    if not args.source.endswith(".z3d"):
+        raise CliError("--x analog:COLUMN needs a project source (.z3d) with analog "
+                       "data, or the data in --analog FILE.csv")
+    import zelpy
+    try:
+        return zelpy.ProjectFile(args.source).get_analog_data_csv()
+    except Exception as exc:
+        raise CliError(f"{args.source}: no analog data can be read ({exc})") from None
+
+
+def _segment_label(a, b) -> str:
+    # + 0.0 turns a typed -0 into 0.
+    return f"({a[0] + 0.0:g}, {a[1] + 0.0:g})-({b[0] + 0.0:g}, {b[1] + 0.0:g})"
+
+
+def cmd_series(args) -> int:
+    import numpy as np
+
+    from zelpy import export, series as zseries
+
+    if not (args.probe or args.extensometer or args.reduce):
+        raise CliError("nothing to compute: give --probe, --extensometer or --reduce")
+    try:
+        zseries._pandas()
+    except ImportError as exc:
+        raise CliError(str(exc)) from None
+    if args.plot:
+        try:
+            import matplotlib  # noqa: F401
+        except ImportError:
+            raise CliError("--plot needs matplotlib: pip install \"zelpy[demo]\"") from None
+        try:
+            export.plot_format(args.plot)
+        except ValueError as exc:
+            raise CliError(str(exc)) from None
+    reader = open_source(args.source)
+    try:
+        stats = zseries._check_stats(args.stats.split(","))
+        series = zseries.Series(reader, analog=_read_analog(args, reader))
+        x_label, x = series.x_values(args.x)
+    except ValueError as exc:
+        raise CliError(str(exc)) from None
+    names = series.names
+
+    probe_vars = args.variables or (["e1"] if args.probe else [])
+    needed = set(probe_vars) | set(args.reduce or [])
+    if args.extensometer:
+        needed |= {"X", "Y", "U", "V"}
+    descriptions = {}
+    ds = _first_dataset(reader, names)
+    if ds is not None:
+        have = ds.variables()
+        descriptions = dict(zip(have, ds.variables_descriptions()))
+        missing = sorted(needed - set(have))
+        if missing:
+            hint = " (extensometers need X, Y, U, V)" if args.extensometer else ""
+            raise CliError(f"unknown variable '{missing[0]}'{hint} "
+                           f"(available: {', '.join(have)})")
+
+    def unit(variable):
+        return export.unit_of(descriptions.get(variable, ""))
+
+    parts, quantities = [], []
+    if args.probe:
+        labels = [f"({x_ + 0.0:g}, {y_ + 0.0:g})" for x_, y_ in args.probe]
+        parts.append(zseries._Probe(args.probe, probe_vars, "pixel" if args.pixel else "global"))
+        quantities.append(("probe", [(lab, v, "", unit(v)) for lab in labels for v in probe_vars]))
+    if args.extensometer:
+        pairs = [(e[:2], e[2:]) for e in args.extensometer]
+        length_unit = unit("X")
+        parts.append(zseries._Extensometer(pairs))
+        quantities.append(("extensometer", [
+            (_segment_label(a, b), q, "", u) for a, b in pairs
+            for q, u in (("L0", length_unit), ("length", length_unit),
+                         ("change", length_unit), ("strain", "1"))]))
+    if args.reduce:
+        parts.append(zseries._Reduce(args.reduce, stats))
+        quantities.append(("reduce", [("", v, st, "" if st == "count" else unit(v))
+                                      for v in args.reduce for st in stats]))
+
+    results: dict = {}
+    failed = 0
+    interrupted = False
+    bar = _progress(len(names), "series", args.quiet)
+    try:
+        for position, ok, value in _outcomes(args, lambda remote: zseries._Together(parts), names):
+            if ok:
+                results[position] = [np.asarray(r, float).ravel() for r in value]
+            else:
+                _say(f"zelpy series: {value}")
+                failed += 1
+            bar.update(1)
+    except KeyboardInterrupt:
+        interrupted = True
+    bar.close()
+
+    done = sorted(results)
+    if done:
+        # What was computed is written whole, even if Ctrl-C comes now.
+        try:
+            with _deferred_interrupt():
+                _write_series_csv(args.output, series, done, results, quantities, x_label, x)
+                if args.plot:
+                    _plot_series(args, series, done, results, quantities, x_label, x)
+        except KeyboardInterrupt:
+            interrupted = True
+    if interrupted:
+        print(f"zelpy series: interrupted; {len(done)} of {len(names)} datasets finished"
+              + ("; results written for those" if done else ""), file=sys.stderr)
+        return EXIT_INTERRUPTED
+    return _finish("series", failed, len(names))
+
+
+def _first_dataset(reader, names):
+    """The first dataset that can be read (of the first few), or None."""
+    for name in names[:3]:
+        try:
+            return load_dataset(reader, name)
+        except DatasetError:
+            continue
+    return None
+
+
+def _write_series_csv(output, series, done, results, quantities, x_label, x):
+    """The tidy table: one row per dataset and quantity."""
+    import csv
+    import io
+
+    from zelpy import export
+    from zelpy.series import short_name
+
+    analog = series.analog
+    analog_columns = [str(c) for c in analog.columns] if analog is not None else []
+    out = io.StringIO()
+    table = csv.writer(out, lineterminator="\n")
+    table.writerow(["number", "dataset", *analog_columns, "quantity", "location",
+                    "variable", "statistic", "value", "unit"])
+    for position in done:
+        head = [series.numbers[position], short_name(series.names[position])]
+        head += [_cell(v) for v in analog.iloc[position]] if analog is not None else []
+        for (kind, columns), values in zip(quantities, results[position]):
+            for (location, variable, statistic, unit), value in zip(columns, values):
+                table.writerow([*head, kind, location, variable, statistic,
+                                _cell(value), unit or ""])
+    data = out.getvalue().encode("utf-8")
+    if output in (None, "-"):
+        sys.stdout.write(data.decode("utf-8"))
+        sys.stdout.flush()
+    else:
+        try:
+            export.write_bytes(output, data)
+        except OSError as exc:
+            raise CliError(f"{output}: {exc.strerror or exc}") from None
+
+
+def _cell(value) -> str:
+    if isinstance(value, str):
+        return value
+    value = float(value)
+    return "" if value != value else f"{value:.9g}"
+
+
+def _plot_series(args, series, done, results, quantities, x_label, x):
+    import numpy as np
+
+    from zelpy import export
+
+    lines = []
+    for k, (kind, columns) in enumerate(quantities):
+        values = np.array([results[p][k] for p in done])
+        for j, (location, variable, statistic, unit) in enumerate(columns):
+            if kind == "probe":
+                lines.append((f"{variable} at {location}", variable, unit, values[:, j]))
+            elif kind == "extensometer" and variable == "strain":
+                lines.append((f"extensometer {location}", "extensometer strain", unit,
+                              values[:, j]))
+            elif kind == "reduce" and statistic != "count":
+                lines.append((f"{statistic} of {variable}", variable, unit, values[:, j]))
+    source = os.path.basename(os.path.normpath(args.source))
+    try:
+        export.plot_histories(args.plot, x_label, np.asarray(x)[done], lines,
+                              title=f"{source}: {len(done)} datasets", size=args.size)
+    except OSError as exc:
+        raise CliError(f"{args.plot}: {exc.strerror or exc}") from None
 
 
 # -------------------------------------------------------------------- plot
@@ -664,6 +859,16 @@ def cmd_plot(args) -> int:
         raise CliError(exc.args[0]) from None
     if args.variable in export.repeated_variables(ds):
         _say(f"zelpy plot: {_repeated_note([args.variable], _short(name))}")
+    image = None
+    if args.overlay:
+        if not os.path.isfile(args.overlay):
+            raise CliError(f"{args.overlay}: no such file")
+        try:
+            image = export.read_image(args.overlay)
+        except ImportError as exc:
+            raise CliError(str(exc)) from None
+        except Exception as exc:
+            raise CliError(f"{args.overlay}: cannot be read as an image: {exc}") from None
     out = args.output
     if out is None:
         stem = os.path.splitext(os.path.basename(
@@ -674,7 +879,7 @@ def cmd_plot(args) -> int:
     try:
         with _library_messages() as lines:
             export.plot_variable(ds, args.variable, out, size=args.size,
-                                 levels=args.levels,
+                                 levels=args.levels, image=image,
                                  title=f"{args.variable}: {_short(name)}")
     except (ValueError, OSError) as exc:
         raise CliError(f"{name}: {_detail(exc, lines)}") from None
@@ -702,6 +907,13 @@ def cmd_serve(args) -> int:
 
 class _Parser(argparse.ArgumentParser):
     """argparse, but a bad command line is one line, not a usage dump."""
+
+    def __init__(self, *args, **kwargs):
+        super().__init__(*args, **kwargs)
+        # Coordinates are numbers that may be negative, several to an
+        # argument: "--probe -30,25" is a value, not an unknown option.
+        import re
+        self._negative_number_matcher = re.compile(r"^-\.?\d[\d.,eE+-]*$")
 
     def error(self, message):
         self.exit(EXIT_USAGE, f"{self.prog}: error: {message} "
@@ -754,6 +966,19 @@ def _port(text: str) -> int:
     if not 0 <= value <= 65535:
         raise argparse.ArgumentTypeError(f"must be in 0..65535, got {value}")
     return value
+
+
+def _cluster_options(p) -> None:
+    p.add_argument("-j", "--jobs", type=_positive, default=None,
+                   help="worker processes of a local dask cluster (default: one per "
+                        "core, for series of at least %d datasets per core; 1 runs "
+                        "in this process)" % DATASETS_PER_WORKER)
+    p.add_argument("--scheduler", metavar="ADDRESS",
+                   help="run on this dask.distributed cluster (tcp://HOST:PORT) "
+                        "instead of a local one")
+    p.add_argument("--transfer", choices=("names", "bytes"), default="names",
+                   help="what workers get: dataset names, read from a shared file "
+                        "system (default), or the datasets' bytes")
 
 
 SOURCE_HELP = ("a directory of .out files, a .out file, a glob pattern, an HDF5 "
@@ -822,8 +1047,7 @@ def build_parser() -> argparse.ArgumentParser:
                    help="smooth with equal weights instead of the weighted filter")
     p.add_argument("--no-reuse", action="store_true",
                    help="add new strain variables even where they exist already")
-    p.add_argument("-j", "--jobs", type=_positive, default=1,
-                   help="datasets computed in parallel processes (default 1)")
+    _cluster_options(p)
     p.add_argument("-q", "--quiet", action="store_true", help="no progress bar")
     p.set_defaults(func=cmd_strain)
 
@@ -852,8 +1076,45 @@ def build_parser() -> argparse.ArgumentParser:
                    help="export only this dataset (repeatable; default: all)")
     p.add_argument("--all-points", action="store_true",
                    help="CSV: include invalid points too")
+    _cluster_options(p)
     p.add_argument("-q", "--quiet", action="store_true", help="no progress bar")
     p.set_defaults(func=cmd_export)
+
+    p = sub.add_parser("series", help="histories over a series: probes, extensometers, statistics",
+                       description="Follow quantities over every dataset of SOURCE: values "
+                                   "at gauge points (--probe), virtual extensometers "
+                                   "(--extensometer) and statistics over the valid points "
+                                   "(--reduce). Writes a tidy CSV (one row per dataset and "
+                                   "quantity) and, with --plot, a line plot against the "
+                                   "image number or an analog channel.")
+    p.add_argument("source", metavar="SOURCE", help=SOURCE_HELP)
+    p.add_argument("--probe", action="append", type=_numbers(2, "X,Y"), metavar="X,Y",
+                   help="a gauge point in reference global coordinates (repeatable)")
+    p.add_argument("--pixel", action="store_true",
+                   help="probe points are reference pixel positions x,y instead")
+    p.add_argument("-v", "--variable", dest="variables", action="extend", nargs="+",
+                   metavar="VAR", help="variables to probe (default e1)")
+    p.add_argument("--extensometer", action="append", type=_numbers(4, "X1,Y1,X2,Y2"),
+                   metavar="X1,Y1,X2,Y2", help="a virtual extensometer between two "
+                   "reference global positions (repeatable)")
+    p.add_argument("--reduce", action="extend", nargs="+", metavar="VAR",
+                   help="statistics of these variables over the valid points")
+    p.add_argument("--stats", default="min,max,mean,std", metavar="LIST",
+                   help="statistics for --reduce: min, max, mean, std, median, count, "
+                        "pNN (default min,max,mean,std)")
+    p.add_argument("--x", default="number", metavar="AXIS",
+                   help="x axis: number (image number, default), index, or "
+                        "analog:COLUMN (a column of the analog data)")
+    p.add_argument("--analog", metavar="FILE.csv",
+                   help="analog data, one row per dataset (default: the project's)")
+    p.add_argument("-o", "--output", metavar="FILE.csv",
+                   help="the tidy CSV (default: standard output)")
+    p.add_argument("--plot", metavar="FILE.png", help="also plot the histories")
+    p.add_argument("--size", type=_size, default=(1000, 700), metavar="WxH",
+                   help="plot size in pixels (default 1000x700)")
+    _cluster_options(p)
+    p.add_argument("-q", "--quiet", action="store_true", help="no progress bar")
+    p.set_defaults(func=cmd_series)
 
     p = sub.add_parser("plot", help="contour plot of one variable of one dataset",
                        description="Filled contour plot of VAR over the triangulation of "
@@ -869,6 +1130,9 @@ def build_parser() -> argparse.ArgumentParser:
     p.add_argument("--size", type=_size, default=(1000, 800), metavar="WxH",
                    help="image size in pixels (default 1000x800)")
     p.add_argument("--levels", type=_positive, default=24, help="contour levels (default 24)")
+    p.add_argument("--overlay", metavar="IMAGE",
+                   help="draw the variable over this camera image (the dataset's "
+                        "deformed image) at the pixel positions x+u, y+v; needs imageio")
     p.set_defaults(func=cmd_plot)
 
     p = sub.add_parser("serve", help="stream the datasets of a source to real-time clients",

@@ -238,9 +238,47 @@ def _fill(aoi, name, array):
     view[...] = array
 
 
+# Analog channels a test machine records beside the images: one row per
+# image. The specimen is 100 mm wide and 2 mm thick.
+ANALOG_COLUMNS = ("image", "time [s]", "force [kN]", "stress [MPa]")
+SECTION_MM2 = 200.0
+
+
+def write_project(series: DemoSeries, h5_path: str, project_path: str) -> None:
+    """A project naming the series' datasets, with the machine's analog
+    data (time, force, remote stress per image) stored in the archive."""
+    import csv
+    import io
+    import zipfile
+
+    from lxml import etree
+
+    import zelpy
+
+    if os.path.exists(project_path):
+        os.remove(project_path)
+    project = zelpy.ProjectFile(project_path)
+    base = os.path.basename(h5_path)
+    project.set_data_files([f"{base}:out:{step:04d}" for step in range(series.steps)])
+    project.set_reference_image("plate_hole_0000_0.tif")
+    csv_element = etree.SubElement(project.root.find("files"), "csvfile")
+    csv_element.set("type", "mirolet")
+    csv_element.text = "prj:analog.csv"
+    project.save_project(project_path)
+    text = io.StringIO()
+    table = csv.writer(text, lineterminator="\n")
+    table.writerow(ANALOG_COLUMNS)
+    for step, stress in enumerate(series.stresses()):
+        table.writerow([step, f"{2.0 * step:g}", f"{stress * SECTION_MM2 / 1000:.9g}",
+                        f"{stress:.9g}"])
+    with zipfile.ZipFile(project_path, "a") as archive:
+        archive.writestr("analog.csv", text.getvalue())
+
+
 @dataclass
 class DemoResult:
     h5_path: str
+    project_path: str
     png_path: str | None
     datasets: int
     points: int
@@ -290,6 +328,9 @@ def run_demo(directory: str, series: DemoSeries | None = None,
     closed_at_peak, closed_e2 = (float(e) for e in
                                  series.plate.principal_strain(p, q, stress))
 
+    project_path = os.path.abspath(os.path.join(directory, "plate_hole.z3d"))
+    write_project(series, h5_path, project_path)
+
     png_path = None
     if plot:
         from zelpy.export import plot_variable
@@ -298,7 +339,7 @@ def run_demo(directory: str, series: DemoSeries | None = None,
                       title=f"Major principal strain e1, remote stress "
                             f"{stress:g} MPa")
     return DemoResult(
-        h5_path=h5_path, png_path=png_path, datasets=series.steps,
+        h5_path=h5_path, project_path=project_path, png_path=png_path, datasets=series.steps,
         points=last.matrix_size(), valid_points=int(valid.sum()),
         stress=stress, peak_e1=float(e1[k]), peak_xy=(float(X[k]), float(Y[k])),
         e2_at_peak=float(e2[k]), closed_form_e2=closed_e2,

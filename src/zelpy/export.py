@@ -8,6 +8,7 @@ them as they are.
 from __future__ import annotations
 
 import base64
+import io
 import os
 import re
 from xml.sax.saxutils import quoteattr
@@ -113,6 +114,13 @@ def write_csv(ds, path: str, variables, all_points: bool = False) -> int:
     nine significant digits, which round-trips every float32 exactly.
     Returns the number of rows written. A name given twice is written once.
     """
+    text, rows = csv_bytes(ds, variables, all_points)
+    _atomic_write(path, lambda f: f.write(text), binary=True)
+    return rows
+
+
+def csv_bytes(ds, variables, all_points: bool = False) -> tuple[bytes, int]:
+    """The table of :func:`write_csv` as bytes, and its number of rows."""
     variables = _unique(variables)
     check_variables(ds, variables)
     blocks = []
@@ -138,10 +146,9 @@ def write_csv(ds, path: str, variables, all_points: bool = False) -> int:
         table = table[valid_mask(ds)]
     header = ",".join(["aoi", "row", "column", *variables])
     fmt = ["%d", "%d", "%d"] + ["%.9g"] * len(variables)
-    _atomic_write(path, lambda f: np.savetxt(
-        f, table, fmt=fmt, delimiter=",", header=header, comments=""),
-        binary=True)
-    return len(table)
+    out = io.BytesIO()
+    np.savetxt(out, table, fmt=fmt, delimiter=",", header=header, comments="")
+    return out.getvalue(), len(table)
 
 
 def _b64_block(array: np.ndarray) -> str:
@@ -167,6 +174,13 @@ def write_vtu(ds, path: str, variables) -> tuple[int, int]:
     every chosen variable becomes a point-data array. Returns
     (points, cells).
     """
+    text, npts, ncells = vtu_bytes(ds, variables)
+    _atomic_write(path, lambda f: f.write(text), binary=True)
+    return npts, ncells
+
+
+def vtu_bytes(ds, variables) -> tuple[bytes, int, int]:
+    """The file of :func:`write_vtu` as bytes, with its point and cell counts."""
     variables = _unique(variables)
     check_variables(ds, variables)
     pts, _ = positions(ds)
@@ -204,8 +218,7 @@ def write_vtu(ds, path: str, variables) -> tuple[int, int]:
         _data_array("types", np.full(ncells, 5, dtype=np.uint8), "UInt8"),
         '\n</Cells>\n</Piece>\n</UnstructuredGrid>\n</VTKFile>\n',
     ]
-    _atomic_write(path, lambda f: f.write("".join(parts)))
-    return npts, ncells
+    return "".join(parts).encode("utf-8"), npts, ncells
 
 
 def write_pvd(path: str, vtu_files) -> None:
@@ -219,6 +232,11 @@ def write_pvd(path: str, vtu_files) -> None:
         lines.append(f'<DataSet timestep="{step}" part="0" file={quoteattr(rel)}/>')
     lines += ['</Collection>', '</VTKFile>', '']
     _atomic_write(path, lambda f: f.write("\n".join(lines)))
+
+
+def write_bytes(path: str, data: bytes) -> None:
+    """Write ``data`` to ``path`` through a temporary file and a rename."""
+    _atomic_write(path, lambda f: f.write(data), binary=True)
 
 
 def _atomic_write(path: str, fill, binary: bool = False) -> None:
@@ -237,6 +255,42 @@ def _atomic_write(path: str, fill, binary: bool = False) -> None:
             # The temporary name means nothing to the user: name the target.
             raise OSError(exc.errno, exc.strerror, path) from None
         raise
+
+
+def read_image(path: str) -> np.ndarray:
+    """A camera image as a 2-D float array (colour images averaged to grey).
+
+    Needs imageio (the ``images`` extra); every format it reads works:
+    TIFF, PNG, BMP, JPEG, 16-bit grey included.
+    """
+    try:
+        import imageio.v3 as iio
+    except ImportError:
+        raise ImportError("reading camera images needs imageio: "
+                          "pip install \"zelpy[images]\"") from None
+    image = np.asarray(iio.imread(path))
+    if image.ndim == 3:
+        # Alpha carries no brightness.
+        image = image[..., :3].mean(axis=2) if image.shape[2] >= 3 else image[..., 0]
+    if image.ndim != 2:
+        raise ValueError(f"{path}: not a single image (shape {image.shape})")
+    return image.astype(np.float64)
+
+
+def pixel_positions(ds) -> np.ndarray:
+    """(n, 2) positions of the points on the deformed camera image: x + u,
+    y + v (x, y alone when the dataset has no pixel displacements)."""
+    names = set(ds.variables())
+    if not {"x", "y"} <= names:
+        raise ValueError("the dataset has no pixel coordinates x, y to place it on an image")
+    moved = {"u", "v"} <= names
+    values = ds.get_values(["x", "y", "u", "v"] if moved else ["x", "y"])
+    x = values["x"].astype(np.float64)
+    y = values["y"].astype(np.float64)
+    if moved:
+        x += values["u"]
+        y += values["v"]
+    return np.column_stack([x, y])
 
 
 # Image formats of plot_variable by file name suffix. Raster images get
@@ -259,10 +313,14 @@ def plot_format(path: str) -> str:
 
 def plot_variable(ds, variable: str, path: str, title: str | None = None,
                   size: tuple[int, int] = (1000, 800), dpi: int = 100,
-                  levels: int = 24) -> None:
+                  levels: int = 24, image: np.ndarray | None = None,
+                  alpha: float = 0.6) -> None:
     """Filled contour plot of one variable over the dataset's triangulation.
 
-    The format follows the suffix of `path` (PLOT_FORMATS: PNG, PDF, SVG ...;
+    With ``image`` (a 2-D grey camera image, see :func:`read_image`) the
+    field is drawn over the image at the points' pixel positions on it
+    (x + u, y + v), half transparent, in image pixel axes. The format
+    follows the suffix of `path` (PLOT_FORMATS: PNG, PDF, SVG ...;
     ValueError for any other). Raster images are exactly `size` pixels, so
     they can go straight into a report.
     """
@@ -279,27 +337,83 @@ def plot_variable(ds, variable: str, path: str, title: str | None = None,
     triangles = np.asarray(ds.triangulation(), dtype=np.int64).reshape(-1, 3)
     if len(triangles) == 0:
         raise ValueError("the dataset has no valid grid cells to plot")
-    pts, (xlabel, ylabel) = positions(ds)
+    if image is None:
+        pts, (xlabel, ylabel) = positions(ds)
+    else:
+        pts = pixel_positions(ds)
+        xlabel, ylabel = "x [pixel]", "y [pixel]"
     values = ds.get_values([variable])[variable].astype(np.float64)
 
     fig = Figure(figsize=(size[0] / dpi, size[1] / dpi), dpi=dpi)
     FigureCanvasAgg(fig)
     ax = fig.add_subplot()
+    if image is not None:
+        # Pixel centres at integer coordinates, rows downwards, as the
+        # correlation reports them.
+        ax.imshow(image, cmap="gray", origin="upper", interpolation="nearest",
+                  extent=(-0.5, image.shape[1] - 0.5, image.shape[0] - 0.5, -0.5))
     tri = Triangulation(pts[:, 0], pts[:, 1], triangles)
     used = np.unique(triangles)
     lo, hi = float(values[used].min()), float(values[used].max())
+    style = dict(cmap="jet", alpha=alpha if image is not None else None)
     if hi > lo:
         # Round level boundaries make a readable colour bar.
         bounds = MaxNLocator(levels).tick_values(lo, hi)
-        mappable = ax.tricontourf(tri, values, levels=bounds, cmap="jet",
-                                  extend="neither")
+        mappable = ax.tricontourf(tri, values, levels=bounds, extend="neither", **style)
     else:
         # A constant field has no contour levels; show it as one colour.
-        mappable = ax.tripcolor(tri, values, cmap="jet")
-    fig.colorbar(mappable, ax=ax, label=axis_label(variable, descr.get(variable, "")))
+        mappable = ax.tripcolor(tri, values, **style)
+    bar = fig.colorbar(mappable, ax=ax, label=axis_label(variable, descr.get(variable, "")))
+    if image is not None and getattr(bar, "solids", None) is not None:
+        # The key reads in full colour even though the field is see-through.
+        bar.solids.set_alpha(1.0)
     ax.set_aspect("equal")
+    if image is not None:
+        ax.set_xlim(-0.5, image.shape[1] - 0.5)
+        ax.set_ylim(image.shape[0] - 0.5, -0.5)
     ax.set_xlabel(xlabel)
     ax.set_ylabel(ylabel)
     ax.set_title(title or f"{variable}: {os.path.basename(ds.file_name() or '')}")
     _atomic_write(path, lambda f: fig.savefig(f, format=image_format, dpi=dpi),
+                  binary=True)
+
+
+def plot_histories(path: str, x_label: str, x: np.ndarray, lines,
+                   title: str | None = None, size: tuple[int, int] = (1000, 700),
+                   dpi: int = 100) -> None:
+    """Line plot of quantities over a series.
+
+    ``lines`` holds (label, quantity, unit, values) per line. Lines of one
+    unit share an axis; several units give stacked axes over one x axis, so
+    a strain and a displacement never share a scale.
+    """
+    import matplotlib
+    matplotlib.use("Agg", force=False)
+    from matplotlib.backends.backend_agg import FigureCanvasAgg
+    from matplotlib.figure import Figure
+
+    groups: dict = {}
+    for label, quantity, unit, values in lines:
+        groups.setdefault(unit, []).append((label, quantity, values))
+    fig = Figure(figsize=(size[0] / dpi, size[1] / dpi), dpi=dpi, layout="constrained")
+    FigureCanvasAgg(fig)
+    axes = fig.subplots(len(groups), 1, sharex=True, squeeze=False)[:, 0]
+    markers = "os^Dv<>ph*"
+    order = np.argsort(x, kind="stable")
+    for ax, (unit, members) in zip(axes, groups.items()):
+        for k, (label, _, values) in enumerate(members):
+            values = np.asarray(values, dtype=np.float64)
+            ax.plot(x[order], values[order], marker=markers[k % len(markers)],
+                    markersize=4 if len(x) <= 60 else 0, linewidth=1.5, label=label)
+        quantities = list(dict.fromkeys(q for _, q, _ in members))
+        name = ", ".join(quantities) if len(quantities) <= 3 else "value"
+        ax.set_ylabel(f"{name} [{unit}]" if unit else name)
+        ax.grid(True, alpha=0.3)
+        ax.legend(fontsize="small", loc="best")
+        # Strains are small numbers: a common factor beats long tick labels.
+        ax.ticklabel_format(axis="y", style="sci", scilimits=(-3, 4))
+    axes[-1].set_xlabel(x_label)
+    if title:
+        fig.suptitle(title)
+    _atomic_write(path, lambda f: fig.savefig(f, format=plot_format(path), dpi=dpi),
                   binary=True)
