@@ -39,7 +39,7 @@ def write_series(directory):
         val, sigma = value_field(k)
         ds.add_variable("val", "val [mm]", T.GlobalDisplacement, val.tolist())
         ds.add_variable("sigma", "sigma [pixel]", T.Correlation, sigma.tolist())
-        ds.save(str(directory / f"spec-{number:04d}_0.out"))
+        ds.save(str(directory / f"run-{number:04d}_0.out"))
     return directory
 
 
@@ -58,7 +58,7 @@ def outs(tmp_path):
 @pytest.fixture
 def broken(outs):
     """The series with its middle file corrupt."""
-    bad = outs / f"spec-{NUMBERS[1]:04d}_0.out"
+    bad = outs / f"run-{NUMBERS[1]:04d}_0.out"
     bad.write_bytes(b"\x00" * 64)
     return outs, str(bad)
 
@@ -82,7 +82,7 @@ def run(*args, timeout=TIMEOUT):
 def test_reduce_is_numpy_over_valid_finite_points(outs):
     stats = ["min", "max", "mean", "std", "median", "count", "p90"]
     table = Series(str(outs)).reduce("val", stats, progress=False)
-    assert list(table.index) == [(n, f"spec-{n:04d}_0.out") for n in NUMBERS]
+    assert list(table.index) == [(n, f"run-{n:04d}_0.out") for n in NUMBERS]
     assert list(table.columns) == [("val", s) for s in stats]
     for k, number in enumerate(NUMBERS):
         want = expected_stats(k)

@@ -872,23 +872,23 @@ class Series:
         frame.index = self.index()
         return frame
 
-    def x_values(self, spec: str | None, stages=None):
+    def x_values(self, axis: str | None, stages=None):
         """The x axis a history is plotted against: ``None`` or "number"
         (the image number), "index" (the position in the series), or
         "analog:COLUMN" (a column of the analog data; COLUMN may leave out a
         unit in square brackets, so "analog:force" finds "force [kN]").
         Returns (label, values)."""
         positions = self._positions(stages)
-        if spec in (None, "number"):
+        if axis in (None, "number"):
             return "image number", np.array([self.numbers[p] for p in positions], float)
-        if spec == "index":
+        if axis == "index":
             return "index", np.array(positions, dtype=float)
-        if spec.startswith("analog:"):
+        if axis.startswith("analog:"):
             if self.analog is None:
                 raise ValueError("the series has no analog data")
-            column = _find_column(self.analog.columns, spec[len("analog:"):])
+            column = _find_column(self.analog.columns, axis[len("analog:"):])
             return str(column), self.analog[column].to_numpy()[positions].astype(float)
-        raise ValueError(f"unknown x axis '{spec}' (number, index or analog:COLUMN)")
+        raise ValueError(f"unknown x axis '{axis}' (number, index or analog:COLUMN)")
 
     # ------------------------------------------------------------- map
 
