@@ -192,6 +192,12 @@ def test_folded_distortion_gives_nan_not_the_wrong_branch(rig):
      "Camera index 0 outside valid range: the calibration has no cameras"),
     (lambda c: setattr(c.camera(0), "fx", 0.0), ValueError, "Camera intrinsics must be finite with fx > 0 and fy > 0."),
     (lambda c: setattr(c.camera(0), "height", 0), ValueError, "Camera image size must be positive, got 2448 x 0."),
+    # Whole numbers beyond the library's 32 bits: the same errors, not an overflow.
+    (lambda c: c.remove_camera(2 ** 64), IndexError, "Camera index 18446744073709551616 outside valid range (0, 1)"),
+    (lambda c: setattr(c.camera(0), "width", 2 ** 32), ValueError,
+     "Camera image size must be at most 2147483647 x 2147483647 pixels, got 4294967296 x 2048."),
+    (lambda c: Camera(1, 1, 0, 0, 1, -2 ** 63 - 1), ValueError,
+     "Camera image size must be positive, got 1 x -9223372036854775809."),
     (lambda c: c.camera(0).set_distortion(k7=1.0), ValueError,
      "Camera has no distortion coefficient 'k7'; the coefficients are k1, k2, k3, k4, k5, k6, p1, p2, s1, s2, s3, s4."),
     (lambda c: c.camera(0).set_extrinsics(RigidTransformation(Tx=float("nan"))), ValueError,
@@ -272,13 +278,13 @@ def test_xml_round_trip_is_exact(rig):
     assert np.array_equal(back.project(x, 1), rig.project(x, 1))
 
 
-CAMERA = ('<camera index="{i}" width="100" height="80"><intrinsics fx="500" fy="500" cx="50" cy="40"/>{d}'
+CAMERA = ('<camera index="{i}" width="{w}" height="80"><intrinsics fx="500" fy="500" cx="50" cy="40"/>{d}'
           '<extrinsics><rotation>{r}</rotation><translation>0 0 0</translation></extrinsics></camera>')
 
 
 def calibration_xml(attributes='version="1" units="mm"', cameras=(0, 1), rotation="1 0 0 0 1 0 0 0 1",
-                    distortion='<distortion k1="0.5"/>', extra=""):
-    body = "".join(CAMERA.format(i=i, d=distortion, r=rotation) for i in cameras)
+                    distortion='<distortion k1="0.5"/>', extra="", width=100):
+    body = "".join(CAMERA.format(i=i, w=width, d=distortion, r=rotation) for i in cameras)
     return etree.fromstring("<project><calibration %s>%s%s</calibration></project>" % (attributes, body, extra))
 
 
@@ -308,6 +314,11 @@ def test_reading_fills_in_defaults():
                                                          "<distortion> is not a number: 'x'."),
     (calibration_xml(distortion='<distortion tau1="0"/>'), "Malformed calibration: camera 0 has no distortion "
      "coefficient 'tau1'; the coefficients are k1, k2, k3, k4, k5, k6, p1, p2, s1, s2, s3, s4."),
+    (calibration_xml(width=2 ** 32), "Calibration camera 0: image size must be at most 2147483647 x 2147483647 "
+                                     "pixels, got 4294967296 x 80."),
+    (calibration_xml(distortion='<spline_image_map origin_x="0" origin_y="0" spacing_x="9" spacing_y="9" '
+                                'nx="4294967296" ny="4"><dx>0</dx><dy>0</dy></spline_image_map>'),
+     "Malformed calibration: <dx> of camera 0 <spline_image_map> needs 17179869184 numbers, got 1."),
     (calibration_xml(cameras=(0,)), "Malformed calibration: a stereo calibration needs two cameras, got 1."),
     (calibration_xml(cameras=(0, 2)), "Malformed calibration: camera indices must run 0 .. n-1, got [0, 2]."),
     (calibration_xml(extra='<quality reprojection_rms_px="-"/>'), "Malformed calibration: attribute "

@@ -518,24 +518,51 @@ def test_rewriting_members_reuses_their_space(tmp_path):
     assert len(ZelDataSetReader(path)) == 8
 
 
-def test_partial_members_are_never_listed_and_go_with_the_next_save(tmp_path):
-    """What an interrupted save of an earlier version left ("2.partial", zeros)
-    and what a save recorded as in progress ("3.partial") are invisible to
-    readers and removed by the next save."""
-    path = write_h5(tmp_path / "run.h5", {"1": 1, "2": 2, "3": 3})
+# Where an HDF5 save of member "2" (old seed 2, new seed 7) can stop: the
+# members besides "1" and "3" (None: an incomplete member, all zeros), the
+# mark on the group, and the seed readers find under key "2" (None: none).
+SAVE_STOPPED = {
+    "writing over a member": ({"2": 2, "2.partial": None}, "2.partial", 2),
+    "writing a new member": ({"2.partial": None}, "2.partial", None),
+    "written, old member still there": ({"2": 2, "2.partial": 7}, "2", 7),
+    "written, old member removed": ({"2.partial": 7}, "2", 7),
+    "renamed, mark not cleared": ({"2": 7}, "2", 7),
+    "left by an earlier version": ({"2": 2, "2.partial": None}, "", 2),
+}
+
+
+@pytest.mark.parametrize("state", SAVE_STOPPED)
+def test_hdf5_saves_stopped_midway_lose_nothing(tmp_path, state):
+    """Readers never see an incomplete member and find a complete one under
+    its key; the next save of another key finishes the renaming or removes
+    the incomplete member (one left unmarked goes with the next save of its
+    own key)."""
+    members, mark, found = SAVE_STOPPED[state]
+    path = write_h5(tmp_path / "run.h5", {"1": 1, "3": 3})
     with h5py.File(path, "a") as handle:
         group = handle["out"]
-        for key in ("2.partial", "3.partial"):
-            group[key] = np.zeros(len(make_dataset(9).export_raw()), np.uint8)
-        group.attrs["zelpy_partial"] = np.bytes_(b"3.partial")
-    assert ZelDataSetReader(path).dataset_list == [path + ":out:" + k for k in "123"]
-    with pytest.raises(ValueError) as error:
-        ZelDataSet().load(path + ":out:2.partial")
-    assert str(error.value) == path + " does not contain 'out:2.partial' dataset."
+        for key, seed in members.items():
+            raw = make_dataset(7 if seed is None else seed).export_raw()
+            group[key] = np.zeros(len(raw), np.uint8) if seed is None else np.frombuffer(raw, np.uint8)
+        group.attrs["zelpy_partial"] = np.bytes_(mark.encode())
+    expected = {"1": 1, "3": 3} if found is None else {"1": 1, "2": found, "3": 3}
+
+    def check(seeds):
+        reader = ZelDataSetReader(path)
+        assert reader.dataset_list == [path + ":out:" + key for key in sorted(seeds)]
+        assert [seed_of(dataset) for dataset in reader] == [seeds[key] for key in sorted(seeds)]
+        for key in ["2.partial"] + ["2"] * ("2" not in seeds):
+            with pytest.raises(ValueError) as error:
+                ZelDataSet().load(path + ":out:" + key)
+            assert str(error.value) == "%s does not contain 'out:%s' dataset." % (path, key)
+
+    check(expected)
     make_dataset(5).save(path + ":out:1")
+    check(dict(expected, **{"1": 5}))
     with h5py.File(path, "r") as handle:
-        assert sorted(handle["out"]) == ["1", "2", "2.partial", "3"]
+        assert sorted(handle["out"]) == sorted([*expected] + ["2.partial"] * (not mark))
+        assert handle["out"].attrs["zelpy_partial"] == b""
     make_dataset(6).save(path + ":out:2")
+    check({"1": 5, "2": 6, "3": 3})
     with h5py.File(path, "r") as handle:
         assert sorted(handle["out"]) == ["1", "2", "3"]
-    assert [seed_of(d) for d in ZelDataSetReader(path)] == [5, 6, 3]

@@ -356,8 +356,13 @@ def test_hdf5_round_trip(tmp_path):
     first.save(h5 + ":out:1")
     second.save(h5 + ":out:00002")
     first.save(h5 + ":out:00002")  # replaces the member
+    long_key = "9" * 300  # longer than the mark on the group holds at first
+    second.save(h5 + ":out:" + long_key)
+    second.save(h5 + ":out:1")
+    first.save(h5 + ":out:1")
     with h5py.File(h5, "r") as f:
-        assert sorted(f["out"].keys()) == ["00002", "1"]
+        assert sorted(f["out"].keys()) == ["00002", "1", long_key]
+        assert f["out"].attrs["zelpy_partial"] == b""
         member = f["out"]["1"]
         assert member.dtype == np.uint8 and member.ndim == 1
         assert member[()].tobytes() == first.export_raw()
@@ -385,6 +390,10 @@ def test_hdf5_failures(tmp_path):
             zelpy.ZelDataSet().load(h5 + ":out:" + index)
         assert str(error.value) == "%s does not contain 'out:%s' dataset." % (h5, index)
         assert error.value.__notes__ == ["Keys near '%s': %s (7 in all)." % (index, note)]
+    with pytest.raises(OSError, match=r"^Unable to save file: %s:out:1\.partial$" % h5):
+        make_dataset().save(h5 + ":out:1.partial")  # never listed: saved out of sight
+    with h5py.File(h5) as f:
+        assert "1.partial" not in f["out"]
     bad = "/no/such/dir/x.h5"
     with pytest.raises(OSError, match=r"^Cannot open %s\.$" % bad):
         make_dataset().save(bad + ":out:1")

@@ -272,6 +272,12 @@ int claimTemporary(const std::string& temporary, bool targetExists) {
     return -1;
 }
 
+bool fsyncRetrying(int fd) {
+    while (::fsync(fd) != 0)
+        if (errno != EINTR) return false;
+    return true;
+}
+
 bool nonAscii(const std::string& text) { return utf16Length(text) != static_cast<int64_t>(text.size()); }
 
 // One error line saying why the encoding of `set` does not read back.
@@ -352,6 +358,9 @@ bool ZelDataSet::save(const std::string& path) const {
         ok = walk.decodes;
     }
     if (ok && targetExists) ok = ::fchmod(fd, target.st_mode & 07777) == 0;
+    // On disk before the rename: otherwise a power cut can leave the new name
+    // pointing at a file whose data was never written.
+    if (ok) ok = fsyncRetrying(fd);
     if (ok) ok = std::rename(temporary.c_str(), path.c_str()) == 0;
     if (!ok) ::unlink(temporary.c_str());
     ::close(fd);

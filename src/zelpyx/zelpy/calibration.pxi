@@ -29,10 +29,19 @@ cdef void _set_intrinsics(nimbra.Camera* c, double fx, double fy, double cx, dou
         raise ValueError(where + "intrinsics must be finite with fx > 0 and fy > 0.")
 
 
+# The library keeps image sizes in 32-bit integers.
+_MAX_IMAGE_SIDE = 0x7FFFFFFF
+
+
 cdef void _set_image_size(nimbra.Camera* c, object width, object height, str where) except *:
-    cdef int32_t w = _operator.index(width)
-    cdef int32_t h = _operator.index(height)
-    if not c.setImageSize(w, h):
+    # Compared as Python integers: any whole number gets the size message,
+    # not the overflow of a conversion.
+    w = _operator.index(width)
+    h = _operator.index(height)
+    if w > _MAX_IMAGE_SIDE or h > _MAX_IMAGE_SIDE:
+        raise ValueError(where + "image size must be at most %d x %d pixels, got %d x %d."
+                         % (_MAX_IMAGE_SIDE, _MAX_IMAGE_SIDE, w, h))
+    if w < -_MAX_IMAGE_SIDE or h < -_MAX_IMAGE_SIDE or not c.setImageSize(w, h):
         raise ValueError(where + "image size must be positive, got %d x %d." % (w, h))
 
 
@@ -144,7 +153,10 @@ cdef class Camera:
         ``cx``, ``cy`` in pixels, an image of ``width`` x ``height`` pixels,
         optional ``skew``, a ``name``, ``distortion`` coefficients by name (a
         mapping; missing ones are 0) and ``extrinsics`` (world to camera;
-        identity when omitted)."""
+        identity when omitted).
+
+        The image size is a pair of whole numbers from 1 to 2147483647
+        (ValueError otherwise, TypeError for a number that is not whole)."""
         cdef nimbra.Camera* c = self._ptr()
         _set_intrinsics(c, fx, fy, cx, cy, skew, "Camera ")
         _set_image_size(c, width, height, "Camera ")
@@ -445,7 +457,7 @@ cdef object _xml_int(element, str attribute, str where):
                          % (attribute, where, text)) from None
 
 
-cdef list _xml_numbers(element, str tag, int count, str where):
+cdef list _xml_numbers(element, str tag, object count, str where):
     child = element.find(tag)
     if child is None:
         raise ValueError("Malformed calibration: %s has no <%s>." % (where, tag))
@@ -662,7 +674,7 @@ cdef class ProjectCalibration:
         raise TypeError("no default __reduce__ due to non-trivial __cinit__")
 
     cdef int _camera_index(self, object camera) except -1:
-        cdef Py_ssize_t index = _operator.index(camera)
+        index = _operator.index(camera)  # any whole number; out of range is an IndexError
         cdef int n = self.thisptr.numCameras()
         if n == 0:
             raise IndexError("Camera index %d outside valid range: the calibration has no cameras" % index)

@@ -14,10 +14,12 @@ _MAX_BLOCK = 0x7FFFFFFF
 # is not what it claims to be.
 _MAX_EXPANSION = 1032
 # A save writes the new member under this suffix and renames it over the
-# old one once complete; readers never see such members.
+# old one once complete; readers never list such members.
 _PARTIAL = ".partial"
-# Attribute of the group "out" naming the member a save is writing, so that
-# the next save removes it when this one never finished (a full disk).
+# Attribute of the group "out" saying how far a save got (see
+# _write_hdf5_member): empty when no save is under way, "<key>.partial"
+# while that member is written, "<key>" once it is complete and replaces
+# member "<key>".
 _PARTIAL_MARK = "zelpy_partial"
 _PARTIAL_MARK_TYPE = np.dtype("S256")
 
@@ -49,7 +51,7 @@ cdef object _member_plan(object h5py, object file_id, str path, str key):
         group = h5py.h5g.open(file_id, b"out")
     except Exception:
         raise ValueError(path + " does not contain an 'out' group.") from None
-    encoded = key.encode("utf-8")
+    encoded = _stored_key(h5py.Group(group), key).encode("utf-8")
     try:
         link = group.links.get_info(encoded) if group.links.exists(encoded) else None
     except Exception:
@@ -217,20 +219,69 @@ cdef _load_hdf5_member(ZelDataSet dataset, str path, str key, str name):
         raise ValueError("Unable to decode memory buffer")
 
 
+cdef str _partial_mark(object group):
+    """The mark a save left on the group "out" ("" for none, or when it is
+    not a mark this module wrote)."""
+    try:
+        mark = group.attrs.get(_PARTIAL_MARK)
+    except Exception:
+        return ""
+    if not isinstance(mark, bytes):
+        return ""
+    try:
+        return mark.decode("utf-8")
+    except UnicodeDecodeError:
+        return ""
+
+
+cdef str _stored_key(object group, str key):
+    """The member holding dataset ``key``: ``key`` itself, or its complete
+    replacement when a save stopped while putting that in its place."""
+    try:
+        if key and _partial_mark(group) == key and key + _PARTIAL in group:
+            return key + _PARTIAL
+    except Exception:
+        pass  # whatever is wrong with the group, reading the key itself says so
+    return key
+
+
 cdef _mark_partial(object group, bytes name):
-    """Records on the group the member a save is writing (empty: none).
+    """Records on the group how far a save got (empty: no save under way).
 
     A fixed-size attribute rewritten in place: adding and deleting one on
     every save would take small pieces out of the space freed by replaced
-    members, and the next member would no longer fit there.
+    members, and the next member would no longer fit there. It grows only
+    for a key too long for it.
     """
     attrs = group.attrs
-    if _PARTIAL_MARK in attrs and attrs.get_id(_PARTIAL_MARK).dtype == _PARTIAL_MARK_TYPE:
-        attrs.modify(_PARTIAL_MARK, np.bytes_(name))
-    else:
-        if _PARTIAL_MARK in attrs:
-            del attrs[_PARTIAL_MARK]
-        attrs.create(_PARTIAL_MARK, np.bytes_(name), dtype=_PARTIAL_MARK_TYPE)
+    if _PARTIAL_MARK in attrs:
+        dtype = attrs.get_id(_PARTIAL_MARK).dtype
+        if dtype.kind == "S" and dtype.itemsize >= len(name):
+            attrs.modify(_PARTIAL_MARK, np.bytes_(name))
+            return
+        del attrs[_PARTIAL_MARK]
+    size = max(_PARTIAL_MARK_TYPE.itemsize, len(name))
+    attrs.create(_PARTIAL_MARK, np.bytes_(name), dtype=np.dtype("S%d" % size))
+
+
+cdef _finish_interrupted_save(object group):
+    """Completes or undoes what a save that stopped midway left in ``group``.
+
+    A member still being written is incomplete and goes; a complete one
+    whose renaming was under way takes its key, whether or not the old
+    member had been removed yet.
+    """
+    mark = _partial_mark(group)
+    if not mark:
+        return
+    if mark.endswith(_PARTIAL):
+        if mark in group:
+            del group[mark]
+    elif mark + _PARTIAL in group:
+        if mark in group:
+            del group[mark]
+        group.move(mark + _PARTIAL, mark)
+    _mark_partial(group, b"")
 
 
 cdef _write_chunked(object group, str key, bytes block):
@@ -266,12 +317,21 @@ cdef _write_chunked(object group, str key, bytes block):
 cdef _write_hdf5_member(str path, str key, bytes block, str name):
     """Stores ``block`` as member ``key`` of the group "out" of ``path``.
 
-    The new member is complete before the old one goes, so an interrupted
-    save keeps the stored dataset. Files created here track their free space
-    on disk, so that the chunks of a replaced member (see _write_chunked)
-    are used again by later saves instead of the file growing by a copy on
-    every rewrite.
+    The new member is written under "<key>.partial" and takes the key once
+    complete. The mark on the group (see _PARTIAL_MARK) follows each step
+    and is on disk before the old member goes, so wherever a save stops,
+    the old member or the complete new one holds the dataset: readers find
+    it under its key (see _stored_key), and the next save of any key
+    finishes the renaming or removes the incomplete member. Files created
+    here track their free space on disk, so that the chunks of a replaced
+    member (see _write_chunked) are used again by later saves instead of the
+    file growing by a copy on every rewrite.
     """
+    if key.endswith(_PARTIAL):
+        # Readers never list such a member: it would be saved out of sight.
+        _log_error("Could not write " + name + ": keys ending in '" + _PARTIAL
+                   + "' are reserved for saves in progress.")
+        raise OSError("Unable to save file: " + name)
     h5py = _h5py()
     try:
         try:
@@ -282,18 +342,13 @@ cdef _write_hdf5_member(str path, str key, bytes block, str name):
         raise OSError("Cannot open " + path + ".") from None
     try:
         group = handle.require_group("out")
+        _finish_interrupted_save(group)
         temporary = key + _PARTIAL
-        stale = group.attrs.get(_PARTIAL_MARK)
-        leftovers = {temporary}
-        if isinstance(stale, bytes) and stale:
-            leftovers.add(stale.decode("utf-8", "replace"))
-        for leftover in leftovers:
-            if leftover in group:
-                del group[leftover]
-        mark = temporary.encode("utf-8")
-        if len(mark) > _PARTIAL_MARK_TYPE.itemsize:
-            mark = b""  # too long to record; only a save of this key removes it
-        _mark_partial(group, mark)
+        if temporary in group:
+            # Left by a save of this key that could not record its mark (or
+            # by an earlier version); this save supersedes it either way.
+            del group[temporary]
+        _mark_partial(group, temporary.encode("utf-8"))
         try:
             _write_chunked(group, temporary, block)
         except BaseException:
@@ -305,6 +360,10 @@ cdef _write_hdf5_member(str path, str key, bytes block, str name):
             except Exception:
                 pass
             raise
+        # Complete: from here on the new member is the dataset. The flush
+        # puts the member and this mark on disk before the old member goes.
+        _mark_partial(group, key.encode("utf-8"))
+        handle.flush()
         if key in group:
             del group[key]
         group.move(temporary, key)
@@ -338,6 +397,10 @@ cdef str _keys_near(list keys, str index):
 
 
 cdef list _hdf5_keys(object group):
-    """The dataset keys of the group "out", without members of saves in
-    progress."""
-    return [key for key in group.keys() if not key.endswith(_PARTIAL)]
+    """The dataset keys of the group "out": not the members of saves in
+    progress, but the key of one whose renaming a save left unfinished."""
+    keys = [key for key in group.keys() if not key.endswith(_PARTIAL)]
+    mark = _partial_mark(group)
+    if mark and not mark.endswith(_PARTIAL) and mark not in keys and mark + _PARTIAL in group:
+        keys.append(mark)
+    return keys
