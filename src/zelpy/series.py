@@ -1008,6 +1008,8 @@ class Series:
                             warnings.warn(value, RuntimeWarning, stacklevel=2)
         except KeyboardInterrupt:
             raise SeriesInterrupted(results, done, len(positions)) from None
+        except _Refusal as exc:
+            raise ValueError(str(exc)) from None
         finally:
             bar.close()
         if failures and errors == "raise":
