@@ -13,6 +13,7 @@ import pytest
 import zelpy
 from conftest import aoi, be, block, kind, variable
 from zelpy import export
+from zelpy.series import _read_bytes
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 
@@ -162,7 +163,9 @@ def test_hostile_hdf5_members_fail_as_load_documents(tmp_path, case, capfd):
     with h5py.File(path, "w") as f:
         build(f.create_group("out"), raw, tmp_path)
     capfd.readouterr()
-    for load in (lambda: zelpy.ZelDataSet().load(path + ":out:1"), lambda: zelpy.ZelDataSetReader(path)[0]):
+    # The bytes a series sends to workers are read with the same checks.
+    for load in (lambda: zelpy.ZelDataSet().load(path + ":out:1"), lambda: zelpy.ZelDataSetReader(path)[0],
+                 lambda: _read_bytes(path + ":out:1")):
         with pytest.raises(ValueError) as error:
             load()
         if reason == "missing":

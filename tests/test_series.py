@@ -136,6 +136,17 @@ def test_mistakes_fail_before_any_work(outs, call, error, message):
         call(Series(str(outs)))
 
 
+def test_a_variable_missing_after_a_dataset_had_it_is_a_failure_of_that_dataset(outs):
+    series = Series(str(outs))
+    ds = series[0]
+    ds.add_variable("extra", "extra", zelpy.ZelDataVariableType.Unknown)
+    ds.save(series.names[0])
+    with pytest.raises(SeriesError) as info:
+        series.reduce("extra", ["count"], progress=False)
+    assert info.value.failures == {n: f"{n}: Could not find variable extra" for n in series.names[1:]}
+    assert info.value.result[("extra", "count")].iloc[0] == 33
+
+
 @pytest.mark.parametrize("rows, expect", [
     (3, [0.0, 1.0, 2.0]),          # one row per dataset, in order
     (12, [5.0, 7.0, 9.0]),         # more rows: row k is image k
@@ -159,6 +170,82 @@ def test_without_dask_everything_runs_in_this_process(outs, monkeypatch):
     with pytest.raises(ImportError, match=r"zelpy\[cluster\]"):
         Series(str(outs)).map(len, executor="local")
     assert Series(str(outs)).map(lambda ds: ds.num_data(), progress=False) == [1, 1, 1]
+
+
+def test_a_stage_asked_twice_is_answered_twice(outs):
+    series = Series(str(outs))
+    names = series.map(lambda ds: ds.file_name(), stages=[2, -1, 0], progress=False)
+    assert names == [series.names[2], series.names[2], series.names[0]]
+
+
+def test_sent_bytes_are_read_as_a_load_reads_them(outs, tmp_path):
+    """transfer="bytes" takes a member's bytes as stored (signed bytes too)
+    and refuses what a load refuses (hostile members: tests/test_hostile.py)."""
+    import h5py
+    raw = (outs / "run-0005_0.out").read_bytes()
+    path = tmp_path / "signed.h5"
+    with h5py.File(path, "w") as f:
+        f["out/1"] = np.frombuffer(raw, np.int8)
+        f["out/2.partial"] = np.frombuffer(raw, np.uint8)
+    series = Series(str(path))
+    assert series.map(lambda ds: ds.export_raw(), transfer="bytes", progress=False) == [raw]
+    with pytest.raises(ValueError, match=f"^{path} does not contain 'out:2.partial' dataset.$"):
+        zseries._read_bytes(f"{path}:out:2.partial")
+
+
+def main(*args):
+    from zelpy.cli import main
+    return main([str(a) for a in args])
+
+
+@pytest.mark.parametrize("call, loads", [
+    (lambda src, tmp: main("export", src, "-f", "csv", "-o", tmp / "csv", "-q"), 3),
+    (lambda src, tmp: main("series", src, "--reduce", "val", "-o", tmp / "h.csv", "-q"), 3),
+    (lambda src, tmp: Series(str(src)).probe([(0, 0)], "val", progress=False), 3),
+    # Mistakes are refused on the first dataset, before anything else is read.
+    (lambda src, tmp: main("strain", src, "-o", tmp / "s.h5", "-q"), 1),   # window 15 > 6x7
+    (lambda src, tmp: main("series", src, "--reduce", "nope", "-q"), 1),
+])
+def test_each_dataset_is_read_once(outs, tmp_path, monkeypatch, call, loads):
+    from zelpyx.zelpy import zelpy as core
+    read = []
+    load = core._load_dataset
+    monkeypatch.setattr(core, "_load_dataset", lambda name: read.append(name) or load(name))
+    call(outs, tmp_path)
+    assert len(read) == loads
+    assert not (tmp_path / "s.h5").exists()
+
+
+def test_export_without_variables_takes_each_datasets_own(outs, tmp_path, capsys):
+    """With the first datasets unreadable nothing is known up front: each
+    dataset exports all of its variables."""
+    for name in os.listdir(outs):
+        (outs / name).rename(outs / name.replace("run-", "old-"))
+    zelpy.ZelDataSetReader(str(outs))[0].save(str(outs / "run-0011_0.out"))
+    for name in os.listdir(outs):
+        if name.startswith("old-"):
+            (outs / name).write_bytes(b"\x00" * 64)
+    assert main("export", outs, "-f", "csv", "-o", tmp_path / "csv", "-q") == 1
+    assert capsys.readouterr().err.count("cannot be read") == 3
+    with open(tmp_path / "csv" / "run-0011_0.csv") as table:
+        assert table.readline() == "aoi,row,column,val,sigma\n"
+
+
+@pytest.mark.parametrize("output, transfer", [
+    (None, "bytes"), ("{src}", "bytes"), ("{link}", "bytes"), ("{tmp}/other.h5", "names")])
+def test_strain_sends_bytes_when_it_writes_into_its_source(demo_h5, tmp_path, monkeypatch,
+                                                         output, transfer):
+    """Workers reading the HDF5 file this process writes would race it."""
+    import shutil
+    src = tmp_path / "src.h5"
+    shutil.copy(demo_h5, src)
+    (tmp_path / "link.h5").symlink_to(src)
+    sent, outcomes = [], zseries._outcomes
+    monkeypatch.setattr(zseries, "_outcomes", lambda fn, items, client, how, tick=None:
+                        sent.append(how) or outcomes(fn, items, client, how, tick))
+    dest = [] if output is None else ["-o", output.format(src=src, link=tmp_path / "link.h5", tmp=tmp_path)]
+    assert main("strain", src, "-w", 5, "-q", "--jobs", 1, *dest) == 0
+    assert sent == [transfer]
 
 
 @pytest.mark.parametrize("args, status, fragment", [
@@ -211,6 +298,31 @@ def test_commands_on_a_cluster_write_what_they_write_in_process(client, demo_h5,
         np.testing.assert_array_equal(a.get_values(a.variables()), b.get_values(b.variables()))
     for name in ["series.csv"] + [f"csv/{n}" for n in sorted(os.listdir(tmp_path / "inline/csv"))]:
         assert (tmp_path / "inline" / name).read_bytes() == (tmp_path / "cluster" / name).read_bytes()
+
+
+def test_local_clusters_are_closed_when_replaced_or_when_starting_fails(monkeypatch):
+    distributed = pytest.importorskip("distributed")
+    started = []
+
+    class Cluster(distributed.LocalCluster):
+        def __init__(self, *args, **kwargs):
+            super().__init__(*args, **kwargs)
+            started.append(self)
+
+    monkeypatch.setattr(distributed, "LocalCluster", Cluster)
+    monkeypatch.setattr(zseries, "_local_clients", {})
+    first = zseries.local_client(1)
+    first.close()                    # by the user; its workers still run
+    second = zseries.local_client(1)
+    assert second is not first and second.status == "running"
+    zseries._close_local_clusters()
+
+    def refuse(*args, **kwargs):
+        raise RuntimeError("plugin refused")
+    monkeypatch.setattr(distributed.Client, "register_plugin", refuse)
+    with pytest.raises(RuntimeError, match="plugin refused"):
+        zseries.local_client(1)
+    assert [cluster.status.name for cluster in started] == ["closed"] * 3
 
 
 @pytest.fixture(scope="module")
@@ -327,6 +439,38 @@ def test_probe_is_the_look_up_of_each_dataset(tmp_path, space):
     # where its cell is invalid.
     assert np.isnan(table.to_numpy()[:3, [0, 2]]).tolist() == [[False, True], [True, False], [False, False]]
     assert table.iloc[0, 0] == pytest.approx(0.01 * 1.3 + 0.02 * 1.1, rel=1e-6)
+
+
+def test_probe_over_overlapping_aois_as_their_validity_changes(tmp_path):
+    """Two distorted AOIs over one area, U = 1 in the first and 2 in the
+    second: a position takes the first AOI valid there. The first AOI is
+    lost, regained, then points come and go at random; every row is the
+    fresh look-up of its dataset."""
+    T = zelpy.ZelDataVariableType
+    rng = np.random.default_rng(3)
+    X, Y = (np.concatenate([g + rng.uniform(-0.1, 0.1, g.shape) for g in grid]).ravel() for grid in
+            zip(*(np.meshgrid(shift + 0.5 * np.arange(8), -0.5 * np.arange(7)) for shift in (0, 0.25))))
+    n = X.size // 2
+    validity = [np.repeat([False, True], n), np.ones(2 * n, bool)]
+    validity += [rng.uniform(size=2 * n) > 0.15 for _ in range(5)] + [validity[0]]
+    datasets = []
+    for valid in validity:
+        ds = zelpy.ZelDataSet()
+        ds.add_aoi(7, 8)
+        ds.add_aoi(7, 8)
+        for name, values, kind in (("x", 2 * X, T.PixelCoordinate), ("y", -2 * Y, T.PixelCoordinate),
+                                   ("X", X, T.GlobalCoordinate), ("Y", Y, T.GlobalCoordinate),
+                                   ("Z", 0 * X, T.GlobalCoordinate), ("U", np.repeat([1.0, 2.0], n), T.GlobalDisplacement),
+                                   ("sigma", np.where(valid, 0.01, -1.0), T.Correlation)):
+            ds.add_variable(name, name, kind, values.tolist())
+        datasets.append(ds)
+    series = save_series(tmp_path / "two", datasets)
+    points = [(1.3, -1.1)] + [tuple(p) for p in rng.uniform((-0.5, -3.5), (4.5, 0.5), (40, 2))]
+    table = series.probe(points, "U", progress=False).to_numpy()
+    for row, ds in zip(table, datasets):
+        want = [ds.at_global_xy(x, y, ["U"]) or [np.nan] for x, y in points]
+        np.testing.assert_array_equal(row, np.ravel(want))
+    assert table[:2, 0] == pytest.approx([2, 1])
 
 
 def test_extensometer_and_line_profile_on_a_uniform_stretch(tmp_path):

@@ -17,6 +17,8 @@ import signal
 import sys
 import threading
 
+from zelpy.series import _detail, _Refusal, progress_bar
+
 EXIT_FAILED = 1
 EXIT_USAGE = 2
 EXIT_INTERRUPTED = 130
@@ -79,32 +81,8 @@ def _deferred_interrupt():
 
 
 def _progress(total: int, desc: str, quiet: bool):
-    """A progress bar on standard error (shown only on a terminal)."""
-    try:
-        from tqdm import tqdm
-    except ImportError:
-        return _NoBar()
-    return tqdm(total=total, desc=desc, unit="dataset", file=sys.stderr,
-                disable=True if quiet else None, dynamic_ncols=True)
-
-
-class _NoBar:
-    def update(self, n=1):
-        pass
-
-    def close(self):
-        pass
-
-
-def _detail(exc: BaseException, lines=()) -> str:
-    """Why EXC happened: the library's own lines when it logged any (they say
-    more than the fixed message of the exception), else the exception with
-    its notes."""
-    found = list(dict.fromkeys(lines))
-    if found:
-        return "; ".join(found)
-    notes = getattr(exc, "__notes__", None)
-    return f"{exc} ({'; '.join(notes)})" if notes else str(exc)
+    """A progress bar on standard error: on a terminal, unless -q."""
+    return progress_bar(total, desc, False if quiet else None)
 
 
 def _short(name: str) -> str:
@@ -317,7 +295,9 @@ class _StrainJob:
     """Strain on one dataset; runs in this process or on a cluster worker.
 
     A worker sends the dataset back encoded (a ZelDataSet does not travel
-    as it is); in this process the dataset itself is handed on.
+    as it is); in this process the dataset itself is handed on. A window
+    that does not fit the grid is refused here, so that it is said before
+    anything is written without reading a dataset twice.
     """
 
     def __init__(self, options: dict, encode: bool):
@@ -329,7 +309,7 @@ class _StrainJob:
 
         problem = _window_problem(ds, self.options["window_size"])
         if problem:
-            raise ValueError(problem)
+            raise _Refusal(problem)
         opts = dict(self.options)
         opts["tensor_type"] = getattr(zelpy.TensorType, opts.pop("tensor"))
         with _library_messages() as lines:
@@ -357,6 +337,19 @@ def _output_directory(path: str, what: str) -> None:
         os.makedirs(path)
     except OSError as exc:
         raise CliError(f"{path}: cannot create the directory: {exc.strerror}") from None
+
+
+def _new_path(path: str | None) -> str | None:
+    """PATH when it does not exist yet: a directory the command makes for
+    its output is taken back (see _take_back) when the command is refused
+    before writing into it."""
+    return path if path is not None and not os.path.exists(path) else None
+
+
+def _take_back(made: str | None) -> None:
+    if made:
+        with contextlib.suppress(OSError):
+            os.rmdir(made)   # only while empty
 
 
 def _make_writer(reader, dest: str | None):
@@ -426,36 +419,43 @@ def _executor(args, total: int):
 def _outcomes(args, job_for, names, transfer=None):
     """Yields (position, ok, result or message) per dataset as they finish,
     on the executor the options choose. ``job_for(remote)`` makes the
-    per-dataset function."""
+    per-dataset function; a mistake on the command line it finds on the
+    first dataset ends the command."""
     from zelpy import series
 
     try:
         with _executor(args, len(names)) as client:
             yield from series._outcomes(job_for(client is not None), list(enumerate(names)),
                                         client, transfer or args.transfer)
-    except OSError as exc:
+    except (OSError, _Refusal) as exc:
         raise CliError(str(exc)) from None
+
+
+def _same_file(a: str, b: str) -> bool:
+    """Whether two paths name one file (through links, or spelt apart)."""
+    try:
+        return os.path.samefile(a, b)
+    except OSError:
+        return os.path.realpath(a) == os.path.realpath(b)
 
 
 def cmd_strain(args) -> int:
     import zelpy
 
     reader = open_source(args.source, writable=args.output is None)
+    source_h5 = reader.h5_file_path
+    into_source = source_h5 and (args.output is None or _same_file(args.output, source_h5))
+    if into_source and args.output is not None:
+        # Checked as for a write in place: writable, not open elsewhere.
+        reader = open_source(args.source, writable=True)
     names = list(reader.get_dataset_list())
     options = _strain_options(args)
-    # A window that does not fit the grid is a mistake on the command line:
-    # say so before anything is written (each dataset is checked again).
-    try:
-        problem = _window_problem(load_dataset(reader, names[0]), args.window)
-    except DatasetError:
-        problem = None   # reported with the others in the loop
-    if problem:
-        raise CliError(problem)
+    made = _new_path(args.output)
     save = _make_writer(reader, args.output)
     total = len(names)
     # Writing back into the HDF5 file the workers read from would make them
     # race for the file; then this process reads and sends the bytes.
-    transfer = "bytes" if args.output is None and reader.h5_file_path else None
+    transfer = "bytes" if into_source else None
     failed = done = 0
     bar = _progress(total, "strain", args.quiet)
     try:
@@ -478,6 +478,10 @@ def cmd_strain(args) -> int:
     except KeyboardInterrupt:
         bar.close()
         return _interrupted("strain", done - failed, total)
+    except CliError:
+        bar.close()
+        _take_back(made)
+        raise
     bar.close()
     return _finish("strain", failed, total)
 
@@ -519,23 +523,33 @@ def _selected(reader, indices) -> list[str]:
 
 
 class _ExportJob:
-    """One dataset as the bytes of its CSV or VTU file; the file itself is
-    written by the command, where the data lives."""
+    """One dataset as the bytes of its CSV or VTU file, and the repeated
+    variable names among those written; the file itself is written by the
+    command, where the data lives. Without ``variables`` each dataset's own
+    are written (a name given twice once, the first of them)."""
 
     def __init__(self, fmt: str, variables, all_points: bool):
         self.fmt, self.variables, self.all_points = fmt, variables, all_points
 
-    def __call__(self, ds) -> bytes:
+    def __call__(self, ds):
         from zelpy import export
 
+        variables = self.variables
+        if variables is None:
+            variables = list(dict.fromkeys(ds.variables()))
+        else:
+            # A misspelt variable is a mistake on the command line.
+            try:
+                export.check_variables(ds, variables)
+            except KeyError as exc:
+                raise _Refusal(exc.args[0]) from None
+        repeated = [v for v in export.repeated_variables(ds) if v in variables]
         try:
             if self.fmt == "csv":
-                return export.csv_bytes(ds, self.variables, self.all_points)[0]
-            return export.vtu_bytes(ds, self.variables)[0]
+                return export.csv_bytes(ds, variables, self.all_points)[0], repeated
+            return export.vtu_bytes(ds, variables)[0], repeated
         except KeyError as exc:
             raise ValueError(exc.args[0]) from None
-
-
 
 
 def cmd_export(args) -> int:
@@ -546,29 +560,13 @@ def cmd_export(args) -> int:
     names = _selected(reader, args.dataset)
     outdir = args.output or _source_dir(reader, args.source)
     variables = list(dict.fromkeys(args.variables)) if args.variables else None
-    first = _first_dataset(reader, names)
-    if first is not None:
-        have = first.variables()
-        repeated = export.repeated_variables(first)
-        if repeated and (variables is None or set(repeated) & set(variables)):
-            # Said once: a series computed this way repeats them everywhere.
-            shown = [v for v in repeated if variables is None or v in variables]
-            _say(f"zelpy export: {_repeated_note(shown, _short(first.file_name()))} "
-                 "(noted for the first dataset only)")
-        if variables is None:
-            variables = list(dict.fromkeys(have))
-        # A misspelt variable is a mistake on the command line, not a
-        # problem of one dataset: stop before anything is written.
-        try:
-            export.check_variables(first, variables)
-        except KeyError as exc:
-            raise CliError(exc.args[0]) from None
+    made = _new_path(outdir)
     _output_directory(outdir, "the output must be a directory")
     ext = "." + args.format
-    written, failed = {}, 0
+    written, failed, noted = {}, 0, False
     bar = _progress(len(names), "export", args.quiet)
     try:
-        job = _ExportJob(args.format, variables or [], args.all_points)
+        job = _ExportJob(args.format, variables, args.all_points)
         for position, ok, result in _outcomes(args, lambda remote: job, names):
             name = names[position]
             path = os.path.join(outdir, os.path.basename(
@@ -576,9 +574,15 @@ def cmd_export(args) -> int:
             try:
                 if not ok:
                     raise DatasetError(result)
+                data, repeated = result
+                if repeated and not noted:
+                    # Said once: a series computed this way repeats them everywhere.
+                    _say(f"zelpy export: {_repeated_note(repeated, _short(name))} "
+                         "(noted for the first dataset only)")
+                    noted = True
                 with _deferred_interrupt():
                     try:
-                        export.write_bytes(path, result)
+                        export.write_bytes(path, data)
                     except OSError as exc:
                         raise DatasetError(f"{name}: {exc}") from None
                 written[position] = path
@@ -594,6 +598,10 @@ def cmd_export(args) -> int:
     except KeyboardInterrupt:
         bar.close()
         return _interrupted("export", len(written), len(names))
+    except CliError:
+        bar.close()
+        _take_back(made)
+        raise
     bar.close()
     if not args.quiet:
         print(f"wrote {len(written)} {args.format.upper()} file(s) to {os.path.abspath(outdir)}")
@@ -679,56 +687,56 @@ def cmd_series(args) -> int:
     names = series.names
 
     probe_vars = args.variables or (["e1"] if args.probe else [])
-    needed = set(probe_vars) | set(args.reduce or [])
-    if args.extensometer:
-        needed |= {"X", "Y", "U", "V"}
-    descriptions = {}
-    ds = _first_dataset(reader, names)
-    if ds is not None:
-        have = ds.variables()
-        descriptions = dict(zip(have, ds.variables_descriptions()))
-        missing = sorted(needed - set(have))
-        if missing:
-            hint = " (extensometers need X, Y, U, V)" if args.extensometer else ""
-            raise CliError(f"unknown variable '{missing[0]}'{hint} "
-                           f"(available: {', '.join(have)})")
-
-    def unit(variable):
-        return export.unit_of(descriptions.get(variable, ""))
-
-    parts, quantities = [], []
+    needed = list(dict.fromkeys(probe_vars + (args.reduce or [])
+                                + (["X", "Y", "U", "V"] if args.extensometer else [])))
+    hint = " (extensometers need X, Y, U, V)" if args.extensometer else ""
+    parts = []
     if args.probe:
-        labels = [f"({x_ + 0.0:g}, {y_ + 0.0:g})" for x_, y_ in args.probe]
         parts.append(zseries._Probe(args.probe, probe_vars, "pixel" if args.pixel else "global"))
-        quantities.append(("probe", [(lab, v, "", unit(v)) for lab in labels for v in probe_vars]))
     if args.extensometer:
         pairs = [(e[:2], e[2:]) for e in args.extensometer]
-        length_unit = unit("X")
         parts.append(zseries._Extensometer(pairs))
-        quantities.append(("extensometer", [
-            (_segment_label(a, b), q, "", u) for a, b in pairs
-            for q, u in (("L0", length_unit), ("length", length_unit),
-                         ("change", length_unit), ("strain", "1"))]))
     if args.reduce:
         parts.append(zseries._Reduce(args.reduce, stats))
-        quantities.append(("reduce", [("", v, st, "" if st == "count" else unit(v))
-                                      for v in args.reduce for st in stats]))
 
     results: dict = {}
     failed = 0
     interrupted = False
     bar = _progress(len(names), "series", args.quiet)
     try:
-        for position, ok, value in _outcomes(args, lambda remote: zseries._Together(parts), names):
+        job = _SeriesJob(parts, needed, hint)
+        for position, ok, value in _outcomes(args, lambda remote: job, names):
             if ok:
-                results[position] = [np.asarray(r, float).ravel() for r in value]
+                results[position] = value
             else:
                 _say(f"zelpy series: {value}")
                 failed += 1
             bar.update(1)
     except KeyboardInterrupt:
         interrupted = True
-    bar.close()
+    finally:
+        bar.close()
+
+    # Units as the first dataset done describes its variables.
+    descriptions = results[min(results)][1] if results else {}
+
+    def unit(variable):
+        return export.unit_of(descriptions.get(variable, ""))
+
+    quantities = []
+    if args.probe:
+        labels = [f"({x_ + 0.0:g}, {y_ + 0.0:g})" for x_, y_ in args.probe]
+        quantities.append(("probe", [(lab, v, "", unit(v)) for lab in labels for v in probe_vars]))
+    if args.extensometer:
+        length_unit = unit("X")
+        quantities.append(("extensometer", [
+            (_segment_label(a, b), q, "", u) for a, b in pairs
+            for q, u in (("L0", length_unit), ("length", length_unit),
+                         ("change", length_unit), ("strain", "1"))]))
+    if args.reduce:
+        quantities.append(("reduce", [("", v, st, "" if st == "count" else unit(v))
+                                      for v in args.reduce for st in stats]))
+    results = {p: values for p, (values, _) in results.items()}
 
     done = sorted(results)
     if done:
@@ -747,14 +755,28 @@ def cmd_series(args) -> int:
     return _finish("series", failed, len(names))
 
 
-def _first_dataset(reader, names):
-    """The first dataset that can be read (of the first few), or None."""
-    for name in names[:3]:
-        try:
-            return load_dataset(reader, name)
-        except DatasetError:
-            continue
-    return None
+class _SeriesJob:
+    """The quantities of ``zelpy series`` on one load of a dataset: their
+    values (flat arrays, one per part) and the descriptions of the variables
+    used, for their units. A variable the dataset lacks is a mistake on the
+    command line."""
+
+    def __init__(self, parts, needed, hint: str):
+        self.parts, self.needed, self.hint = list(parts), list(needed), hint
+
+    def __call__(self, ds):
+        import numpy as np
+
+        have = ds.variables()
+        missing = [v for v in self.needed if v not in have]
+        if missing:
+            raise _Refusal(f"unknown variable '{missing[0]}'{self.hint} "
+                           f"(available: {', '.join(have)})")
+        described: dict = {}
+        for v, text in zip(have, ds.variables_descriptions()):
+            described.setdefault(v, text)   # the first of a repeated name, as look-ups
+        values = [np.asarray(part(ds), float).ravel() for part in self.parts]
+        return values, {v: described[v] for v in self.needed}
 
 
 def _write_series_csv(output, series, done, results, quantities, x_label, x):

@@ -61,21 +61,12 @@ def pack_message(message_type, payload=b""):
     return _HEADER.pack(len(payload), message_type) + bytes(payload)
 
 
-def _is_hdf5_name(name):
-    parts = name.split(":out:")
-    return len(parts) == 2 and parts[0].endswith(".h5")
-
-
 def _read_block(name):
-    """The stored bytes of one data file: a ".out" file or an HDF5 member."""
-    if _is_hdf5_name(name):
-        import h5py
-        import numpy as np
-        path, key = name.split(":out:")
-        with h5py.File(path, "r") as h5:
-            return np.asarray(h5["out"][key][()]).tobytes()
-    with open(name, "rb") as f:
-        return f.read()
+    """The stored bytes of one data file: a ".out" file or an HDF5 member,
+    read with the checks of a load (NameError, ValueError or OSError as it
+    fails)."""
+    from zelpyx.zelpy import zelpy as core
+    return core._dataset_bytes(name)
 
 
 class _Blocks:
@@ -413,7 +404,7 @@ class RTServer:
             return
         try:
             block = self.blocks[connection.position]
-        except (OSError, KeyError, ValueError) as error:
+        except (OSError, NameError, ValueError) as error:
             # A file that vanished or broke since the listing: tell the client
             # the way the application reports its own failures.
             connection.streaming = False

@@ -59,6 +59,16 @@ class SeriesError(RuntimeError):
         super().__init__(f"{len(names)} dataset(s) failed: {shown}{more}")
 
 
+class _Refusal(ValueError):
+    """What was asked does not fit the data (an unknown variable, a window
+    wider than the grid): the caller's mistake, not a problem of one dataset.
+
+    Raised by a per-dataset function. When it comes before any dataset
+    succeeded, the run stops and the caller gets it as it is; after one did,
+    it is that dataset's failure like any other (see :func:`_outcomes`).
+    """
+
+
 class SeriesInterrupted(KeyboardInterrupt):
     """Ctrl-C stopped a series operation.
 
@@ -150,23 +160,33 @@ def library_messages():
 
 
 def _detail(exc: BaseException, lines=()) -> str:
-    """The library's lines when it logged any (they say more than the fixed
-    message of the exception), else the exception."""
+    """Why ``exc`` happened: the library's own lines when it logged any
+    (they say more than the fixed message of the exception), else the
+    exception with its notes."""
     found = list(dict.fromkeys(lines))
-    return "; ".join(found) if found else str(exc)
+    if found:
+        return "; ".join(found)
+    notes = getattr(exc, "__notes__", None)
+    return f"{exc} ({'; '.join(notes)})" if notes else str(exc)
 
 
 # ------------------------------------------------------------ one dataset
 
 def _read_bytes(name: str) -> bytes:
-    """The encoded bytes of a dataset, as stored (a file or an HDF5 member)."""
-    if ":out:" in name:
-        path, key = name.split(":out:", 1)
-        import h5py
-        with h5py.File(path, "r") as handle:
-            return bytes(np.asarray(handle["out"][key], dtype=np.uint8))
-    with open(name, "rb") as stream:
-        return stream.read()
+    """The encoded bytes of a dataset as stored (a file or an HDF5 member),
+    read with the checks of a load and failing with its errors."""
+    from zelpyx.zelpy import zelpy as core
+    return core._dataset_bytes(name)
+
+
+def _payload(name: str):
+    """(bytes, None) to send for a dataset, or (None, why it cannot be read)."""
+    lines = ()
+    try:
+        with library_messages() as lines:
+            return _read_bytes(name), None
+    except Exception as exc:
+        return None, f"{name}: cannot be read: {_detail(exc, lines)}"
 
 
 def load(name: str, payload: bytes | None = None):
@@ -203,6 +223,8 @@ def _apply(fn, position: int, name: str, payload):
             ds = load(name, payload)
             stage = "run"
             return position, True, fn(ds)
+    except _Refusal as exc:
+        return position, False, exc
     except Exception as exc:
         if stage == "run":
             text = str(exc)
@@ -281,9 +303,20 @@ def _start_local(workers: int):
         cluster = distributed.LocalCluster(
             n_workers=workers, threads_per_worker=1, processes=True,
             host="127.0.0.1", dashboard_address=None, silence_logs=logging.CRITICAL)
-    client = distributed.Client(cluster, set_as_default=False)
-    client.register_plugin(_share_cores(max(1, (os.cpu_count() or 1) // workers)),
-                           name="zelpy-share-cores")
+    client = None
+    try:
+        client = distributed.Client(cluster, set_as_default=False)
+        client.register_plugin(_share_cores(max(1, (os.cpu_count() or 1) // workers)),
+                               name="zelpy-share-cores")
+    except BaseException:
+        # Nobody else holds the cluster: its worker processes would live
+        # until this process ends.
+        if client is not None:
+            with contextlib.suppress(Exception):
+                client.close()
+        with contextlib.suppress(Exception):
+            cluster.close()
+        raise
     return client
 
 
@@ -306,6 +339,11 @@ def local_client(workers: int | None = None):
     with _local_lock:
         client = _local_clients.get(workers)
         if client is None or client.status not in ("running", "connecting"):
+            if client is not None:
+                # Closed by the user, or its scheduler died: its cluster's
+                # workers may still run.
+                _close_local(client)
+                del _local_clients[workers]
             client = _start_local(workers)
             if not _local_clients:
                 atexit.register(_close_local_clusters)
@@ -371,26 +409,38 @@ def open_executor(executor=None, workers: int | None = None, keep: bool = True):
 
 
 def _outcomes(fn, items, client, transfer: str, tick=None):
-    """Run ``fn`` over ``items`` ((position, name) pairs); yields
-    (position, ok, result or message) as datasets finish.
+    """Run ``fn`` over ``items`` ((position, name) pairs; a position may
+    be any key the caller likes); yields (position, ok, result or message)
+    as datasets finish.
 
     On a cluster only a few datasets are in flight at a time, so results and
     sent bytes never pile up; leaving the generator early (Ctrl-C, an error
-    in the caller) cancels what is still queued.
+    in the caller) cancels what is still queued. A :class:`_Refusal` from
+    ``fn`` before any dataset succeeded ends the run and is raised here.
     """
     if transfer not in ("names", "bytes"):
         raise ValueError(f"transfer must be 'names' or 'bytes', not {transfer!r}")
+    items = list(items)
+    names = dict(items)
+    succeeded = False
+    with contextlib.closing(_each_outcome(fn, items, client, transfer, tick)) as outcomes:
+        for position, ok, value in outcomes:
+            if isinstance(value, _Refusal):
+                if not succeeded:
+                    raise _Refusal(str(value))
+                value = f"{names[position]}: {value}"
+            succeeded = succeeded or ok
+            yield position, ok, value
+
+
+def _each_outcome(fn, items, client, transfer: str, tick=None):
     if client is None:
         for position, name in items:
+            payload = failure = None
             if transfer == "bytes":
-                try:
-                    payload = _read_bytes(name)
-                except Exception as exc:
-                    yield position, False, f"{name}: cannot be read: {exc}"
-                    continue
-                outcome = _apply(fn, position, name, payload)
-            else:
-                outcome = _apply(fn, position, name, None)
+                payload, failure = _payload(name)
+            outcome = (position, False, failure) if failure else _apply(
+                fn, position, name, payload)
             if tick:
                 tick()
             yield outcome
@@ -420,10 +470,10 @@ def _outcomes(fn, items, client, transfer: str, tick=None):
         position, name = next(queue)
         payload = None
         if transfer == "bytes":
-            try:
-                payload = client.scatter(_read_bytes(name), hash=False)
-            except Exception as exc:
-                return position, False, f"{name}: cannot be read: {exc}"
+            data, failure = _payload(name)
+            if failure:
+                return position, False, failure
+            payload = client.scatter(data, hash=False)
         future = client.submit(_apply, shared, position, name, payload,
                                key=f"zelpy-{tag}-{position}", pure=False)
         running[future.key] = (future, position, name, payload)
@@ -494,6 +544,17 @@ def progress_bar(total: int, desc: str, show=None, stream=None):
 # Module-level classes rather than closures: they travel to workers by
 # reference, and a worker imports zelpy.series to run them.
 
+def _require(ds, variables) -> None:
+    """A variable the dataset lacks is a mistake in what was asked: checked
+    on every dataset (none is read twice for it), refused on the first."""
+    if not ds.num_data():
+        return   # nothing to look in; the dataset answers with NaN
+    first = ds.data(0)   # whose names ds.variables() lists
+    for v in variables:
+        if first.variable_index(v) < 0:
+            raise _Refusal("Could not find variable " + v)
+
+
 def _valid(ds) -> np.ndarray:
     from zelpy.export import valid_mask
     return valid_mask(ds)
@@ -505,6 +566,7 @@ class _Reduce:
         self.stats = list(stats)
 
     def __call__(self, ds) -> np.ndarray:
+        _require(ds, self.variables)
         values = ds.get_values(self.variables)
         valid = _valid(ds)
         out = np.full((len(self.variables), len(self.stats)), np.nan)
@@ -520,88 +582,75 @@ _POSITION = ("X", "Y", "Z")
 _DISPLACEMENT = ("U", "V", "W")
 
 
-# Where a look-up takes its positions from, best first (planar data has no
-# X, Y; pixel look-ups always use x, y).
-_GLOBAL_AXES = (("X", "Y"), ("x_c", "y_c"), ("x", "y"))
-_PIXEL_AXES = (("x", "y"),)
+def _mesh_state(ds, pixel: bool):
+    """What a look-up in ``ds`` reads: (layout, arrays). ``layout`` holds the
+    grid shapes and which variables the mesh of each AOI is built from;
+    ``arrays`` per AOI the flat x and y coordinates and the validity of its
+    points, None for an AOI without a mesh. Both None when the look-up
+    refuses an AOI (and so finds nothing in the dataset)."""
+    from zelpyx.zelpy import zelpy as core
+
+    inputs = core._mesh_inputs(ds, pixel)
+    if any(used is False for used in inputs):
+        return None, None
+    shapes, arrays = [], []
+    for n, used in enumerate(inputs):
+        aoi = ds.data(n)
+        shapes.append((aoi.num_rows(), aoi.num_columns()))
+        if used is None:
+            arrays.append(None)
+            continue
+        x, y, confidence = (aoi.variable_view(i).reshape(-1) for i in used)
+        arrays.append((x, y, confidence >= 0))
+    return (tuple(shapes), tuple(inputs)), arrays
 
 
-class _Grid:
-    """The reference coordinates and validity of one dataset, as views
-    (nothing is copied), addressed by the dataset's global point index."""
+# Cells x positions tested before a probe locates every position afresh.
+_CHECK_BUDGET = 1 << 22
 
-    def __init__(self, ds, pixel: bool):
-        from zelpyx.zelpy import zelpy as core
 
-        correlation = core.ZelDataVariableType.Correlation
-        self.shapes, self.offsets, self.xs, self.ys, self.valid = [], [0], [], [], []
-        for n in range(ds.num_data()):
-            aoi = ds.data(n)
-            rows, columns = aoi.num_rows(), aoi.num_columns()
-            self.shapes.append((rows, columns))
-            self.offsets.append(self.offsets[-1] + rows * columns)
-            names = [aoi.variable_name(i) for i in range(aoi.num_variables())]
-            axes = next(((a, b) for a, b in (_PIXEL_AXES if pixel else _GLOBAL_AXES)
-                         if a in names and b in names), None)
-            if axes is None:
-                self.xs.append(None)
-                self.ys.append(None)
-            else:
-                self.xs.append(aoi.variable_view(axes[0]).reshape(-1))
-                self.ys.append(aoi.variable_view(axes[1]).reshape(-1))
-            conf = next((i for i in range(aoi.num_variables())
-                         if aoi.variable_type(i) is correlation), None)
-            self.valid.append(None if conf is None else aoi.variable_view(conf).reshape(-1))
-
-    def signature(self) -> tuple:
-        """Grid shapes and the coordinates of each AOI's four corner points:
-        equal signatures mean the same grid, unless coordinates inside moved."""
-        out = [tuple(self.shapes)]
-        for (rows, columns), xs, ys in zip(self.shapes, self.xs, self.ys):
-            if xs is None or rows * columns == 0:
-                out.append(None)
+def _cells_moved(old, new, rows: int, columns: int):
+    """The grid cells a change of coordinates or validity between two states
+    of one AOI touches (their top-left point indices), and the state to keep
+    for the next comparison: ``old``'s arrays where they are equal, copies of
+    ``new``'s where they differ (the dataset goes)."""
+    kept, moved = [], []
+    for was, now in zip(old, new):
+        a, b = was, now
+        if a.dtype == np.float32:
+            # Bit patterns, so that a NaN equals itself. Coordinates usually
+            # stay as they were: one pass, two values to a word, tells so.
+            whole = np.uint64 if a.size % 2 == 0 else np.uint32
+            if np.array_equal(a.view(whole), b.view(whole)):
+                kept.append(was)
                 continue
-            corners = [0, columns - 1, (rows - 1) * columns, rows * columns - 1]
-            out.append(tuple(xs[corners].tolist() + ys[corners].tolist()))
-        return tuple(out)
+            a, b = a.view(np.uint32), b.view(np.uint32)
+        points = np.flatnonzero(a != b)
+        kept.append(now.copy() if points.size else was)
+        moved.append(points)
+    if not moved:
+        return np.zeros(0, dtype=np.int64), tuple(kept)
+    r, c = np.divmod(np.concatenate(moved), columns)
+    a, b = np.concatenate([r - 1, r - 1, r, r]), np.concatenate([c - 1, c, c - 1, c])
+    keep = (a >= 0) & (a < rows - 1) & (b >= 0) & (b < columns - 1)
+    return np.unique(a[keep] * columns + b[keep]), tuple(kept)
 
-    def state(self, points: np.ndarray) -> tuple:
-        """Coordinates and validity at the given global point indices."""
-        coords = np.empty((len(points), 2), dtype=np.float32)
-        valid = np.ones(len(points), dtype=bool)
-        aoi_of = np.searchsorted(self.offsets, points, side="right") - 1
-        for n in np.unique(aoi_of):
-            pick = aoi_of == n
-            local = points[pick] - self.offsets[n]
-            if self.xs[n] is not None:
-                coords[pick, 0] = self.xs[n][local]
-                coords[pick, 1] = self.ys[n][local]
-            if self.valid[n] is not None:
-                valid[pick] = self.valid[n][local] >= 0
-        return coords.tobytes(), valid.tobytes()
 
-    def block(self, centre: np.ndarray, reach: int) -> np.ndarray:
-        """Global indices of the grid points within ``reach`` rows and
-        columns of the given points (all in one AOI)."""
-        n = int(np.searchsorted(self.offsets, centre[0], side="right") - 1)
-        rows, columns = self.shapes[n]
-        r, c = np.divmod(np.asarray(centre) - self.offsets[n], columns)
-        rr = np.arange(max(r.min() - reach, 0), min(r.max() + reach, rows - 1) + 1)
-        cc = np.arange(max(c.min() - reach, 0), min(c.max() + reach, columns - 1) + 1)
-        return (self.offsets[n] + rr[:, None] * columns + cc[None, :]).ravel()
-
-    def nearest(self, x: float, y: float) -> int | None:
-        """Global index of the grid point nearest to (x, y), valid or not,
-        when (x, y) lies within the span of its AOI's coordinates."""
-        best, where = math.inf, None
-        for n, (xs, ys) in enumerate(zip(self.xs, self.ys)):
-            if xs is None or xs.size == 0:
-                continue
-            d = (xs.astype(np.float64) - x) ** 2 + (ys.astype(np.float64) - y) ** 2
-            k = int(np.argmin(d))
-            if d[k] < best:
-                best, where = float(d[k]), self.offsets[n] + k
-        return where
+def _in_cells(points: np.ndarray, states, corners: np.ndarray) -> np.ndarray:
+    """Which points lie, in any of the ``states`` of one AOI, in the box of
+    the valid corners of a cell (``corners``: 4 x cells), with a margin
+    above the rounding of the containment test; a cell without valid corners
+    holds nothing."""
+    ok = np.concatenate([valid[corners] for _, _, valid in states], axis=1)
+    xs = np.where(ok, np.concatenate([x[corners] for x, _, _ in states], axis=1), np.nan)
+    ys = np.where(ok, np.concatenate([y[corners] for _, y, _ in states], axis=1), np.nan)
+    lo_x, hi_x = np.fmin.reduce(xs, axis=0), np.fmax.reduce(xs, axis=0)
+    lo_y, hi_y = np.fmin.reduce(ys, axis=0), np.fmax.reduce(ys, axis=0)
+    margin = 1e-6 * (np.abs(lo_x) + np.abs(hi_x) + np.abs(lo_y) + np.abs(hi_y)) + 1e-12
+    px, py = points[:, :1], points[:, 1:]
+    inside = ((px >= lo_x - margin) & (px <= hi_x + margin)
+              & (py >= lo_y - margin) & (py <= hi_y + margin))
+    return inside.any(axis=1)
 
 
 class _Probe:
@@ -609,36 +658,32 @@ class _Probe:
     where a position has no value.
 
     A look-up is the search for the triangle that holds the position
-    followed by an interpolation in it. Within a series the grid, and so the
-    triangle, is the same from dataset to dataset; what may change is which
-    points are valid (and, in another series, the whole grid). Each
-    position is therefore located once, and the location reused for every
-    dataset where the neighbourhood it depends on is unchanged: the grid's
-    shape and corner coordinates, and the coordinates and validity of the
-    points around the triangle (around the nearest grid point, for a
-    position that was not found). Anywhere else the position is located
-    afresh, so the result is always that of ``at_global_xy`` /
-    ``lookup_variables`` on the dataset itself.
+    followed by an interpolation in it. The search reads only the
+    coordinates and validity of the grid points, and a position can only be
+    held by a triangle of a cell whose valid corners surround it. So from
+    one dataset to the next of the same grid, only positions within the box
+    of the valid corners of a cell that changed (a point moved, lost or
+    regained its validity), in its old or its new state, are located again;
+    every other keeps its triangle, or stays outside the mesh. The result is
+    that of ``at_global_xy`` / ``lookup_variables`` on each dataset itself,
+    at the cost of one comparison of the coordinates per dataset.
     """
-
-    # Grid rows and columns around a located cell whose validity decides
-    # the triangle (the cell itself and its neighbours, for ties on shared
-    # edges); around the nearest point of a position that was not found.
-    REACH_FOUND, REACH_MISSED = 1, 2
 
     def __init__(self, points, variables, space="global"):
         self.points = [(float(x), float(y)) for x, y in points]
         self.variables = list(variables)
         self.space = space
-        self._signature = None
-        self._located: list = [None] * len(self.points)   # (location, points, state)
+        self._forget()
         self._lock = threading.Lock()
+
+    def _forget(self):
+        self._layout = self._arrays = None
+        self._located: list = [None] * len(self.points)
 
     def __getstate__(self):
         # Locations belong to the process that found them.
         state = dict(self.__dict__)
-        state["_signature"] = None
-        state["_located"] = [None] * len(self.points)
+        state.update(_layout=None, _arrays=None, _located=[None] * len(self.points))
         del state["_lock"]
         return state
 
@@ -647,34 +692,56 @@ class _Probe:
         self._lock = threading.Lock()
 
     def __call__(self, ds) -> np.ndarray:
+        _require(ds, self.variables)
         # A worker with several threads shares one instance between them.
         with self._lock:
             return self._reusing(ds)
 
+    def _stale(self, layout, arrays):
+        """The positions whose location may differ in a dataset of this
+        layout and these arrays from the one they were located in, and the
+        arrays to compare the next dataset with (None: as before)."""
+        everything = list(range(len(self.points)))
+        if layout is None:
+            return everything, None
+        if layout != self._layout:
+            return everything, [None if a is None else tuple(v.copy() for v in a) for a in arrays]
+        points = np.asarray(self.points, dtype=np.float64).reshape(-1, 2)
+        stale = np.zeros(len(points), dtype=bool)
+        kept, changed = [], False
+        for (rows, columns), old, new in zip(layout[0], self._arrays, arrays):
+            if new is None:
+                kept.append(None)
+                continue
+            cells, state = _cells_moved(old, new, rows, columns)
+            kept.append(state)
+            if not cells.size:
+                continue
+            changed = True
+            if cells.size * len(points) > _CHECK_BUDGET:
+                stale[:] = True
+                continue
+            corners = cells + np.array([[0], [1], [columns], [columns + 1]])
+            stale |= _in_cells(points, (old, new), corners)
+        return np.flatnonzero(stale).tolist(), kept if changed else None
+
     def _reusing(self, ds) -> np.ndarray:
         pixel = self.space == "pixel"
-        grid = _Grid(ds, pixel)
-        signature = grid.signature()
-        if signature != self._signature:
-            self._signature = signature
-            self._located = [None] * len(self.points)
-        stale = [i for i, entry in enumerate(self._located)
-                 if entry is None or grid.state(entry[1]) != entry[2]]
+        layout, arrays = _mesh_state(ds, pixel)
+        stale, kept = self._stale(layout, arrays)
         # One tree per dataset pays off from a few positions on; a single
         # position is found faster by the plain search.
         use_tree = len(stale) > 2
         for i in stale:
-            x, y = self.points[i]
-            location = ds._locate(x, y, pixel, use_tree)
-            if location is not None:
-                around = grid.block(np.asarray(location[0]), self.REACH_FOUND)
-            else:
-                centre = grid.nearest(x, y)
-                around = (np.zeros(0, dtype=np.int64) if centre is None
-                          else grid.block(np.asarray([centre]), self.REACH_MISSED))
-            self._located[i] = (location, around, grid.state(around))
+            self._located[i] = ds._locate(*self.points[i], pixel, use_tree)
+        if layout is None:
+            self._forget()
+        elif kept is not None:
+            # Every location now holds for this dataset: the next one is
+            # compared with it.
+            self._layout, self._arrays = layout, kept
         out = np.full((len(self.points), len(self.variables)), np.nan)
-        for i, (location, _, _) in enumerate(self._located):
+        for i, location in enumerate(self._located):
             if location is not None:
                 found = ds._interpolate(location, self.variables)
                 if found is not None:
@@ -734,16 +801,6 @@ class _LineProfile:
         values = self._probe(ds)
         s = np.linalg.norm(where - self.a, axis=1)
         return np.column_stack([s, where, values])
-
-
-class _Together:
-    """Several per-dataset functions on one load of each dataset."""
-
-    def __init__(self, parts):
-        self.parts = list(parts)
-
-    def __call__(self, ds):
-        return [part(ds) for part in self.parts]
 
 
 def _statistic(values: np.ndarray, stat: str) -> float:
@@ -933,23 +990,26 @@ class Series:
             raise ValueError(f"errors must be 'raise', 'warn' or 'ignore', not {errors!r}")
         positions = self._positions(stages)
         results = [None] * len(positions)
-        slot = {p: i for i, p in enumerate(positions)}
         failures: dict = {}
         done = 0
         bar = progress_bar(len(positions), desc, progress)
         try:
             with open_executor(executor if executor is not None else self.executor) as client:
-                items = [(p, self.names[p]) for p in positions]
-                for position, ok, value in _outcomes(fn, items, client, transfer, bar.update):
+                # Keyed by the place in the list: a stage asked for twice
+                # is run, and answered, twice.
+                items = [(i, self.names[p]) for i, p in enumerate(positions)]
+                for i, ok, value in _outcomes(fn, items, client, transfer, bar.update):
                     if ok:
-                        results[slot[position]] = value
+                        results[i] = value
                         done += 1
                     else:
-                        failures[self.names[position]] = value
+                        failures[self.names[positions[i]]] = value
                         if errors == "warn":
                             warnings.warn(value, RuntimeWarning, stacklevel=2)
         except KeyboardInterrupt:
             raise SeriesInterrupted(results, done, len(positions)) from None
+        except _Refusal as exc:
+            raise ValueError(str(exc)) from None
         finally:
             bar.close()
         if failures and errors == "raise":
@@ -965,21 +1025,6 @@ class Series:
             exc.result = build(exc.result)
             raise
         return build(results)
-
-    def _check_variables(self, variables, stages=None):
-        """A misspelt variable is the caller's mistake, not a problem of
-        every dataset: fail once, before the run, against the first
-        readable dataset."""
-        for position in self._positions(stages)[:3]:
-            try:
-                with library_messages():
-                    have = set(self[position].variables())
-            except Exception:
-                continue
-            for v in variables:
-                if v not in have:
-                    raise ValueError("Could not find variable " + v)
-            return
 
     # ------------------------------------------------------------ reduce
 
@@ -998,7 +1043,6 @@ class Series:
         pd = _pandas()
         variables = [variables] if isinstance(variables, str) else list(variables)
         stats = _check_stats(stats)
-        self._check_variables(variables, stages)
         columns = pd.MultiIndex.from_product([variables, stats], names=["variable", "statistic"])
         width = len(variables) * len(stats)
 
@@ -1032,7 +1076,6 @@ class Series:
             raise ValueError(f"space must be 'global' or 'pixel', not {space!r}")
         labels, where = _points(points)
         variables = [variables] if isinstance(variables, str) else list(variables)
-        self._check_variables(variables, stages)
         columns = pd.MultiIndex.from_product([labels, variables], names=["point", "variable"])
         options.setdefault("desc", "probe")
         return self._table(_Probe(where, variables, space), stages,
@@ -1078,7 +1121,6 @@ class Series:
         if int(steps) < 1:
             raise ValueError(f"steps must be at least 1, got {steps}")
         variables = [variables] if isinstance(variables, str) else list(variables)
-        self._check_variables(variables, stages)
         job = _LineProfile(a, b, steps, variables)
         samples = int(steps) + 1
         positions = self._positions(stages)

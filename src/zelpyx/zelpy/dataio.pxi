@@ -56,6 +56,28 @@ def _load_dataset(str name):
     return dataset
 
 
+def _dataset_bytes(str name):
+    """The stored bytes of the dataset ``name`` (a ".out" file or
+    "file.h5:out:N"): what its load decodes, read with the same checks and
+    failing with the same errors, for code that sends the encoded dataset
+    to a process that cannot read the file (ZelDataSet.load_from_data)."""
+    parts = name.split(":out:")
+    if len(parts) == 2 and parts[0].endswith(".h5"):
+        return _hdf5_member_bytes(parts[0], parts[1])
+    import stat
+    try:
+        with open(name, "rb") as stream:
+            info = os.fstat(stream.fileno())
+            # As a load: a regular file, of at most what the format addresses.
+            if stat.S_ISREG(info.st_mode) and info.st_size <= _MAX_BLOCK:
+                block = stream.read(_MAX_BLOCK + 1)
+                if len(block) <= _MAX_BLOCK:
+                    return block
+    except OSError:
+        pass
+    raise NameError("Unable to find file: " + name + " or file is corrupted")
+
+
 def _hdf5_open_failure(str path, bint read_only, bint opened, exc):
     """Why the reader could not list the HDF5 file ``path``, in one line."""
     if opened:

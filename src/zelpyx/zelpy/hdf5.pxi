@@ -161,9 +161,9 @@ cdef object _member_pieces(object member, int layout, object size, object file_s
     return None
 
 
-cdef _load_hdf5_member(ZelDataSet dataset, str path, str key, str name):
-    """Decodes member ``key`` of the group "out" of the HDF5 file ``path``
-    into ``dataset`` (as ZelDataSet.load does for "path:out:key")."""
+cdef object _open_member_plan(str path, str key):
+    """_member_plan of member ``key`` of the HDF5 file ``path``, opened and
+    closed here, with the errors ZelDataSet.load documents."""
     if key.endswith(_PARTIAL):
         # A member still being written, or left by a save that failed.
         raise ValueError(path + " does not contain 'out:" + key + "' dataset.")
@@ -173,9 +173,44 @@ cdef _load_hdf5_member(ZelDataSet dataset, str path, str key, str name):
     except Exception:
         raise OSError("Cannot open {}.".format(path)) from None
     try:
-        plan = _member_plan(h5py, file_id, path, key)
+        return _member_plan(h5py, file_id, path, key)
     finally:
         file_id.close()
+
+
+def _hdf5_member_bytes(str path, str key):
+    """The stored bytes of member ``key`` of the group "out" of ``path``:
+    the data file a load of "path:out:key" decodes, read with the same
+    checks and failing with the same errors (a link to another file, a
+    member being written or one declaring more bytes than it can hold are
+    refused), for code that passes the encoded dataset on."""
+    plan = _open_member_plan(path, key)
+    if plan[0] == "bytes":
+        return plan[1].tobytes()
+    parts = []
+    try:
+        stream = open(path, "rb")
+    except OSError:
+        raise OSError("Cannot open {}.".format(path)) from None
+    with stream:
+        for offset, length in plan[1]:
+            # One read returns at most about 2 GiB on Linux.
+            while length:
+                part = os.pread(stream.fileno(), min(length, 1 << 30), offset)
+                if not part:
+                    # The file shrank since its layout was read.
+                    raise _refused(path, key, "its bytes end early (the file changed "
+                                   "while it was read).")
+                parts.append(part)
+                offset += len(part)
+                length -= len(part)
+    return parts[0] if len(parts) == 1 else b"".join(parts)
+
+
+cdef _load_hdf5_member(ZelDataSet dataset, str path, str key, str name):
+    """Decodes member ``key`` of the group "out" of the HDF5 file ``path``
+    into ``dataset`` (as ZelDataSet.load does for "path:out:key")."""
+    plan = _open_member_plan(path, key)
     if plan[0] == "bytes":
         dataset.load_from_data(plan[1], name)
     elif dataset._load_pieces(path, plan[1]):

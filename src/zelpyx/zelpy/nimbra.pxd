@@ -351,6 +351,14 @@ cdef extern from "nimbra/analysis/Lookup.h" namespace "nimbra":
                    double&) except + nogil
 
 
+cdef extern from "nimbra/analysis/SurfaceGrid.h" namespace "nimbra":
+    cdef cppclass SurfaceChannels:
+        int32_t position[3]
+        bool found
+    SurfaceChannels findSurfaceChannels(const ZelData&) except + nogil
+    bool holdsGrid(const ZelData&, int32_t) nogil
+
+
 cdef extern from "nimbra/analysis/Statistics.h" namespace "nimbra":
     cdef cppclass ValueExtreme:
         double value

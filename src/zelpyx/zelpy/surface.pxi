@@ -296,3 +296,39 @@ cdef class _KDPointStorage:
         cdef vector[int32_t] out
         self.tree.withinRadius(x, y, radius, out)
         return list(out)
+
+
+def _mesh_inputs(ZelDataSet dataset, bint pixel):
+    """What a look-up in ``dataset`` reads, per AOI: the indices (x, y,
+    confidence) of the variables its mesh is built from, None for an AOI
+    without a mesh, or False for one the look-up refuses (which fails every
+    look-up in the dataset). Decided as the library's mesh decides, so that
+    a series can tell whether a location found in one dataset still holds
+    in the next by comparing these arrays alone."""
+    cdef nimbra.ZelData* aoi
+    cdef nimbra.SurfaceChannels channels
+    cdef int32_t xi, yi, confidence
+    out = []
+    for i in range(dataset.thisptr.numData()):
+        aoi = dataset.thisptr.data(i)
+        confidence = aoi.firstVariableOfType(nimbra.Correlation)
+        if (aoi.gridKind() != 2 or aoi.variableIndex(b"x") < 0 or aoi.variableIndex(b"y") < 0
+                or confidence < 0):
+            out.append(None)
+            continue
+        if pixel:
+            xi, yi = aoi.variableIndex(b"x"), aoi.variableIndex(b"y")
+        else:
+            channels = nimbra.findSurfaceChannels(deref(aoi))
+            if not channels.found:
+                out.append(None)
+                continue
+            xi, yi = channels.position[0], channels.position[1]
+        if not (nimbra.holdsGrid(deref(aoi), confidence) and nimbra.holdsGrid(deref(aoi), xi)
+                and nimbra.holdsGrid(deref(aoi), yi)):
+            out.append(False)
+        elif aoi.numRows() < 2 or aoi.numColumns() < 2:
+            out.append(None)
+        else:
+            out.append((xi, yi, confidence))
+    return out
