@@ -369,6 +369,15 @@ def test_aoi_area():
             tilted.aoi_area(bad)
 
 
+@pytest.mark.parametrize("columns", [6, 7])
+def test_aoi_area_of_grids_whose_cells_do_not_fill_the_last_block(columns):
+    # The area kernel takes cells four at a time; with 6 or 7 columns the last
+    # block reads the right corner of its last cell past a short row buffer.
+    x, y = plane_coordinates(3, columns, 0.5, y_up=False)
+    ds = grid_dataset(3, columns, x, y, z=np.sin(x) * y)
+    assert ds.aoi_area() == pytest.approx(mesh_area(ds), rel=1e-12)
+
+
 def statistics_dataset():
     x, y = plane_coordinates(3, 4)
     ds = grid_dataset(3, 4, x, y, aois=2)

@@ -270,12 +270,17 @@ bool dataSetRange(const ZelDataSet& dataSet, const std::string& first, const std
     return true;
 }
 
-// One grid row in double precision: positions and validity (1 or 0),
-// padded to whole blocks of kLanes.
+// One grid row in double precision: positions and validity (1 or 0). The
+// cells are taken kLanes at a time, and the last block reads the right
+// corner of its last cell: the padding covers whole blocks of cells plus
+// that corner, and holds invalid points.
 struct RowBuffer {
     std::vector<double> x, y, z, valid;
-    explicit RowBuffer(int64_t columns)
-        : x(static_cast<size_t>((columns + kLanes) / kLanes * kLanes), 0.0), y(x), z(x), valid(x) {}
+    static size_t padded(int64_t columns) {
+        const int64_t cells = std::max<int64_t>(columns - 1, 0);
+        return static_cast<size_t>(std::max(columns, (cells + kLanes - 1) / kLanes * kLanes + 1));
+    }
+    explicit RowBuffer(int64_t columns) : x(padded(columns), 0.0), y(x), z(x), valid(x) {}
 };
 
 // Loops with a fixed trip count of kLanes, so that they vectorise at -O2.
