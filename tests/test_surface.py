@@ -250,16 +250,19 @@ def test_linear_fields_are_reproduced_and_the_tree_changes_nothing():
     assert ds.at_global_xy(float(xs[i, j]), float(ys[i, j]), ["U"], True) is None
 
 
-def test_an_invalid_corner_removes_half_a_cell():
+@pytest.mark.parametrize("use_tree", [False, True])
+def test_an_invalid_corner_removes_half_a_cell(use_tree):
     valid = np.ones((5, 5), bool)
     valid[2, 2] = False
     x, y = plane_coordinates(5, 5, 1.0, y_up=False)
     ds = grid_dataset(5, 5, x, y, u=x, valid=valid)
-    # Cell with corners (1,1) (1,2) (2,1) (2,2): only the triangle away from (2,2) is left.
-    assert ds.at_global_xy(-0.75, -0.75, ["U"]) == [-0.75]
-    assert ds.at_global_xy(-0.25, -0.25, ["U"]) is None
-    assert ds.at_global_xy(-0.25, -0.25, ["U"], True) is None
-    assert ds.at_global_xy(2.5, 0.0, ["U"]) is None  # outside the AOI
+    ds[0].set_value(12, "X", float("nan"))  # invalid points often have no position
+    # Cells with corners (1,1) (1,2) (2,1) (2,2) and (2,2) (2,3) (3,2) (3,3):
+    # only the triangle away from (2,2) is left in each.
+    for corner in (-1, 1):
+        assert ds.at_global_xy(0.75 * corner, 0.75 * corner, ["U"], use_tree) == [0.75 * corner]
+        assert ds.at_global_xy(0.25 * corner, 0.25 * corner, ["U"], use_tree) is None
+    assert ds.at_global_xy(2.5, 0.0, ["U"], use_tree) is None  # outside the AOI
 
 
 def test_pixel_lookup_and_aoi_order():

@@ -208,8 +208,11 @@ bool locatePoint(const ZelData& data, CoordinateSpace space, double x, double y,
         const float* top = m.x + a * m.columns;
         const float* topY = m.y + a * m.columns;
         for (int64_t b = 0; b < m.cellColumns(); ++b) {
-            // Cheap rejection on the cell's box (NaN corners fail it too, and
-            // contain nothing anyway).
+            // Cheap rejection on the cell's box. A corner without a position
+            // (NaN, typically an invalid point) must not reject the cell: its
+            // other triangle may still hold the position. std::min and
+            // std::max skip a NaN unless it comes first, and then give NaN,
+            // which the test below lets through to the exact test.
             const float* xs[4] = {top + b, top + b + 1, top + b + m.columns, top + b + m.columns + 1};
             const float* ys[4] = {topY + b, topY + b + 1, topY + b + m.columns, topY + b + m.columns + 1};
             const double minX = std::min({*xs[0], *xs[1], *xs[2], *xs[3]});
@@ -220,8 +223,7 @@ bool locatePoint(const ZelData& data, CoordinateSpace space, double x, double y,
             // containment test (with its rounding) would accept.
             const double margin = kAbsoluteMargin * (std::fabs(minX) + std::fabs(maxX) +
                                                      std::fabs(minY) + std::fabs(maxY));
-            if (!(x >= minX - margin && x <= maxX + margin && y >= minY - margin &&
-                  y <= maxY + margin))
+            if (x < minX - margin || x > maxX + margin || y < minY - margin || y > maxY + margin)
                 continue;
             testCell(m, a, b, x, y, out);
             if (out.found()) return true;
