@@ -332,6 +332,8 @@ cdef extern from "nimbra/analysis/KDPointStorage.h" namespace "nimbra":
 
 
 cdef extern from "nimbra/analysis/Lookup.h" namespace "nimbra":
+    # Every call that finds an AOI's channels may allocate: except + turns a
+    # bad_alloc into MemoryError instead of ending the process.
     cdef enum class CoordinateSpace "nimbra::CoordinateSpace":
         Global
         Pixel
@@ -344,9 +346,9 @@ cdef extern from "nimbra/analysis/Lookup.h" namespace "nimbra":
     cdef cppclass PointLocator:
         @staticmethod
         unique_ptr[PointLocator] create(const ZelData&, CoordinateSpace) except + nogil
-        void locate(double, double, PointLocation&) nogil
-    bool locatePoint(const ZelData&, CoordinateSpace, double, double, PointLocation&) nogil
-    bool interpolate(const ZelData&, const PointLocation&, const vector[int32_t]&, double*) nogil
+        void locate(double, double, PointLocation&) except + nogil
+    bool locatePoint(const ZelData&, CoordinateSpace, double, double, PointLocation&) except + nogil
+    bool interpolate(const ZelData&, const PointLocation&, const vector[int32_t]&, double*) except + nogil
     bool arcLength(const ZelData&, const PointLocator&, double, double, double, double, int32_t,
                    double&) except + nogil
 
