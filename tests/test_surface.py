@@ -16,7 +16,6 @@ import zelpy
 from zelpyx.zelpy import zelpy as core
 
 from analysis_fields import grid_dataset, plane_coordinates
-from conftest import aoi, block, kind, variable
 
 T = zelpy.ZelDataVariableType
 N = 61  # grid points per side, 0.5 mm apart: +-15 mm
@@ -447,24 +446,6 @@ def test_kd_tree_agrees_with_scipy():
 
 
 # ------------------------------------------------------ small conformance
-
-def test_a_grid_whose_point_count_wraps_is_refused(capfd):
-    # 65536 x 65537 points wrap to 65536 in 32 bits, the count the variables hold.
-    values = np.zeros(65536, np.float32)
-    ds = zelpy.ZelDataSet()
-    ds.load_from_data(block([aoi(65536, 65537, [variable(name, name, kind(k), values) for name, k in
-                                                (("X", 1), ("Y", 1), ("Z", 1), ("x", 0), ("y", 0),
-                                                 ("sigma", 5))])]), "wrapped.out")
-    assert ds.aoi_area() is None and ds[0].find_minimum("Z") == (None, None)
-    assert ds.at_global_xy(0, 0, ["X"]) is ds.at_global_xy(0, 0, ["X"], True) is None
-    assert ds.lookup_variables(0, 0, ["X"]) is ds[0].arclength((0, 0), (1, 1), 2) is None
-    for call, message in ((lambda: ds.range("X"), "Error in calculating range for 'X'."),
-                          (ds.compute_curvature, "Error in calculating curvature.")):
-        with pytest.raises(ValueError) as error:
-            call()
-        assert str(error.value) == message
-    assert "Variables do not hold one value per grid point in computeCurvature()." in capfd.readouterr().err
-
 
 def test_change_file_extension_refuses_none():
     with pytest.raises(TypeError):

@@ -57,11 +57,7 @@ bool openMesh(const ZelData& data, CoordinateSpace space, Mesh& mesh, const char
         xi = ch.position[0];
         yi = ch.position[1];
     }
-    if (!holdsGrid(data, confidence) || !holdsGrid(data, xi) || !holdsGrid(data, yi)) {
-        NIMBRA_LOG(error) << "Coordinates or confidence do not hold one value per grid point in "
-                          << caller << ".";
-        return false;
-    }
+    if (!requireConsistentGrid(data, {xi, yi, confidence}, caller)) return false;
     if (data.numRows() < 2 || data.numColumns() < 2) return true;
     mesh.x = data.variableValues(xi);
     mesh.y = data.variableValues(yi);

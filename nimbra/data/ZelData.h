@@ -4,6 +4,7 @@
 // bad index; they return null or -1.
 
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -50,12 +51,11 @@ public:
     int32_t matrixSize() const;  // rows x columns as a 32-bit product
     int32_t numVariables() const;
 
-    // True when every variable holds exactly rows x columns values, that
-    // product taken in 64 bits and within the 32-bit matrix size. The data
-    // file checks value counts against the 32-bit product only, so a grid of
-    // 3 x 0x55555556 points (the product wraps to 2) decodes with two values
-    // per variable; anything that walks rows and columns must refuse such a
-    // grid (see requireConsistentGrid).
+    // True when every variable holds exactly gridPointCount() values. The
+    // data file checks value counts against the 32-bit product only, so a
+    // grid of 3 x 0x55555556 points (the product wraps to 2) decodes with two
+    // values per variable; anything that walks rows and columns must refuse
+    // such a grid (see requireConsistentGrid).
     bool gridIsConsistent() const;
 
     // Sets the grid shape. Existing variables are left as they are; callers
@@ -115,9 +115,22 @@ struct CoordinateVariables {
 };
 CoordinateVariables findCoordinateVariables(const ZelData& data);
 
+// The grid checks every analysis uses before it indexes values by row and
+// column. rows x columns as a 64-bit product, or -1 when a side is negative
+// or the product exceeds the 32-bit matrix size (matrixSize() may wrap).
+int64_t gridPointCount(const ZelData& data);
+
+// True when the variable exists and holds exactly gridPointCount() values.
+bool holdsGrid(const ZelData& data, int32_t variable);
+
 // gridIsConsistent(), with one error line naming `function` and the first
-// variable that does not hold rows x columns values when it is false. The
-// analyses call it before they index a grid by row and column.
+// variable that does not hold rows x columns values when it is false.
 bool requireConsistentGrid(const ZelData& data, const char* function);
+
+// The same for the listed variables only (-1 entries are skipped): what an
+// analysis that reads a few channels of an AOI requires. A listed index
+// without a variable fails too.
+bool requireConsistentGrid(const ZelData& data, std::initializer_list<int32_t> variables,
+                           const char* function);
 
 }  // namespace nimbra
