@@ -5,6 +5,8 @@ ranges, and the kd-tree itself against scipy's."""
 import ast
 import math
 import pathlib
+import threading
+import time
 from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
@@ -279,24 +281,83 @@ def test_pixel_lookup_and_aoi_order():
         ds[0].lookup_variables(0, 0, ["Q"])
 
 
-@pytest.mark.parametrize("change", ["set_values", "transform", "reload", "view"])
+@pytest.mark.parametrize("change", ["set_values", "set_value", "transform", "reload", "view",
+                                    "earlier view"])
 def test_trees_follow_changes_of_the_coordinates(change):
     ds, xs, ys, valid = lookup_dataset()
     aoi = ds[0]
+    earlier = aoi.variable_view("X") if change == "earlier view" else None
     assert ds.at_global_xy(1.0, 1.0, ["U"], True) is not None
     if change == "set_values":
         ds.set_values({"X": (xs + 100).ravel()})
+    elif change == "set_value":  # every point, one at a time
+        for p, value in enumerate((xs + 100).ravel()):
+            aoi.set_value(p, "X", value)
     elif change == "transform":
         ds.transform(zelpy.RigidTransformation(0, 0, 0, 100, 0, 0))
     elif change == "reload":
         moved, _, _, _ = lookup_dataset()
         moved[0].variable_view("X")[...] += 100
         ds.load_from_data(moved.export_raw(), "moved.out")
-    else:
+    elif change == "view":
         aoi.variable_view("X")[...] += 100
+    else:  # taken before the look-up, written after it, then dropped
+        earlier += 100
+        assert ds.at_global_xy(101.0, 1.0, ["U"], True) == ds.at_global_xy(101.0, 1.0, ["U"])
+        del earlier
     assert ds.at_global_xy(1.0, 1.0, ["U"], True) is None
     assert ds.at_global_xy(101.0, 1.0, ["U"], True) == ds.at_global_xy(101.0, 1.0, ["U"])
     assert ds.at_global_xy(101.0, 1.0, ["U"]) is not None
+
+
+def test_trees_follow_reloads_of_hdf5_members(tmp_path):
+    path = str(tmp_path / "s.h5")
+    for k, shift in enumerate((0, 3)):
+        moved, _, _, _ = lookup_dataset()
+        moved[0].variable_view("X")[...] += shift
+        moved.save(path + ":out:%d" % k)
+    ds = zelpy.ZelDataSet()
+    positions = np.random.default_rng(10).uniform(-9, 12, size=(60, 2))
+    for k, (px, py) in enumerate(positions):
+        ds.load(path + ":out:%d" % (k % 2))   # the AOI may reappear at the old address
+        assert ds.at_global_xy(px, py, ["U"], True) == ds.at_global_xy(px, py, ["U"])
+    assert len(ds._locators) == 1
+
+
+def test_read_only_views_and_other_variables_keep_the_tree():
+    ds, xs, _, _ = lookup_dataset()
+    expected = ds.at_global_xy(1.0, 1.0, ["U"], True)
+    tree = ds._locators[(0, False)]
+    view = ds[0].variable_view("X", writable=False)
+    with pytest.raises(ValueError, match="read-only"):
+        view[0, 0] = 1
+    with pytest.raises(ValueError, match="WRITEABLE"):
+        view.flags.writeable = True
+    ds.set_values({"U": ds.get_values(["U"])["U"] * 2})
+    ds[0].variable_view("W")[...] = 1
+    assert ds.at_global_xy(1.0, 1.0, ["U"], True) == [2 * expected[0]]
+    assert ds._locators[(0, False)] is tree
+
+
+def test_a_tree_built_while_the_coordinates_change_is_not_kept():
+    n = 250
+    x, y = plane_coordinates(n, n, 0.5, y_up=False)
+    ds = grid_dataset(n, n, x, y, u=x)
+    X = ds.get_values(["X"])["X"]
+    start = time.perf_counter()
+    ds.copy().at_global_xy(1.0, 1.0, ["U"], True)
+    build = time.perf_counter() - start
+    for trial in range(10):
+        ds.set_values({"X": X + 1000 * (trial % 2)})   # the next look-up builds a tree
+        moved = X + 1000 * ((trial + 1) % 2)
+        # The write lands at a different moment of the build in each trial.
+        writer = threading.Timer(build * trial / 10, ds.set_values, [{"X": moved}])
+        writer.start()
+        ds.at_global_xy(1.0, 1.0, ["U"], True)
+        writer.join()
+        px = 1.0 + 1000 * ((trial + 1) % 2)
+        found = ds.at_global_xy(px, 1.0, ["U"])
+        assert found is not None and ds.at_global_xy(px, 1.0, ["U"], True) == found
 
 
 def test_threads_building_and_using_the_trees_agree():

@@ -201,12 +201,23 @@ int32_t ZelData::firstVariableOfType(ZelDataVariableType type) const {
 
 float* ZelData::variableValues(int32_t index) {
     ZelDataVariable* v = variable(index);
-    return v == nullptr ? nullptr : v->values.get();
+    if (v == nullptr) return nullptr;
+    v->markChanged();
+    return v->values.get();
 }
 
 const float* ZelData::variableValues(int32_t index) const {
     const ZelDataVariable* v = variable(index);
     return v == nullptr ? nullptr : v->values.get();
+}
+
+uint64_t ZelData::revision(int32_t index) const {
+    const ZelDataVariable* v = variable(index);
+    return v == nullptr ? 0 : v->currentRevision();
+}
+
+void ZelData::markChanged(int32_t index) {
+    if (ZelDataVariable* v = variable(index)) v->markChanged();
 }
 
 ZelDataVariable* ZelData::variable(int32_t index) {

@@ -3,6 +3,7 @@
 // list of named float32 variables. Index-based operations never throw for a
 // bad index; they return null or -1.
 
+#include <atomic>
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
@@ -15,14 +16,27 @@ namespace nimbra {
 
 // One variable. The values are a contiguous float32 array so that the codec
 // and numpy can move them as one block; the storage is reference counted only
-// so that a zero-copy numpy view can outlive a reload of its dataset without
-// dangling. The matrix itself never shares storage: copies are deep.
+// so that a zero-copy numpy view, or a look-up tree built over it, can outlive
+// a reload of its dataset without dangling. The matrix itself never shares
+// storage: copies are deep.
 struct ZelDataVariable {
     std::string name;
     std::string description;
     ZelDataVariableType type = Unknown;
     std::shared_ptr<float[]> values;  // null while count is 0
     int32_t count = 0;
+    // Moves on whenever the values may have changed in place (see
+    // ZelData::markChanged); a new array starts a new history, so readers
+    // compare it together with the array's address.
+    // Mutable only so that const readers can load it atomically.
+    alignas(std::atomic_ref<uint64_t>::required_alignment) mutable uint64_t revision = 0;
+
+    uint64_t currentRevision() const noexcept {
+        return std::atomic_ref<uint64_t>(revision).load(std::memory_order_acquire);
+    }
+    void markChanged() noexcept {
+        std::atomic_ref<uint64_t>(revision).fetch_add(1, std::memory_order_acq_rel);
+    }
 
     ZelDataVariable() = default;
     ZelDataVariable(const ZelDataVariable& other);
@@ -73,8 +87,22 @@ public:
     // variable of kind Correlation).
     int32_t firstVariableOfType(ZelDataVariableType type) const;
 
+    // The non-const overload is write access: it marks the variable changed
+    // (markChanged), so a writer that takes its pointer here can never leave
+    // a reader with data derived from the old values. Readers use the const
+    // one.
     float* variableValues(int32_t index);
     const float* variableValues(int32_t index) const;
+    // The variable's revision (0 when the index is out of range): readers
+    // that keep data derived from the values, the look-up trees, compare it
+    // with the one they saw, along with the array's address.
+    uint64_t revision(int32_t index) const;
+    // Moves the variable's revision on. Whoever writes values in place
+    // through a record (variable()->values) calls it after writing; writers
+    // that took variableValues() call it once more when they are done, so
+    // that a reader on another thread that derived data while they wrote
+    // sees the change.
+    void markChanged(int32_t index);
     // The record itself; null when the index is out of range.
     ZelDataVariable* variable(int32_t index);
     const ZelDataVariable* variable(int32_t index) const;

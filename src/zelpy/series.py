@@ -527,8 +527,9 @@ _PIXEL_AXES = (("x", "y"),)
 
 
 class _Grid:
-    """The reference coordinates and validity of one dataset, as views
-    (nothing is copied), addressed by the dataset's global point index."""
+    """The reference coordinates and validity of one dataset, as read-only
+    views (nothing is copied; a writable view alive would keep the look-ups
+    off their kd-trees), addressed by the dataset's global point index."""
 
     def __init__(self, ds, pixel: bool):
         from zelpyx.zelpy import zelpy as core
@@ -547,11 +548,11 @@ class _Grid:
                 self.xs.append(None)
                 self.ys.append(None)
             else:
-                self.xs.append(aoi.variable_view(axes[0]).reshape(-1))
-                self.ys.append(aoi.variable_view(axes[1]).reshape(-1))
+                self.xs.append(aoi.variable_view(axes[0], writable=False).reshape(-1))
+                self.ys.append(aoi.variable_view(axes[1], writable=False).reshape(-1))
             conf = next((i for i in range(aoi.num_variables())
                          if aoi.variable_type(i) is correlation), None)
-            self.valid.append(None if conf is None else aoi.variable_view(conf).reshape(-1))
+            self.valid.append(None if conf is None else aoi.variable_view(conf, writable=False).reshape(-1))
 
     def signature(self) -> tuple:
         """Grid shapes and the coordinates of each AOI's four corner points:

@@ -67,6 +67,8 @@ cdef extern from "nimbra/data/ZelData.h" namespace "nimbra" nogil:
         int32_t type
         SharedValues values
         int32_t count
+        # Call after writing values in place through `values`.
+        void markChanged()
 
     cdef cppclass ZelData:
         ZelData() except +
@@ -86,6 +88,8 @@ cdef extern from "nimbra/data/ZelData.h" namespace "nimbra" nogil:
         int32_t findVariable(ZelDataVariableType, const string&)
         int32_t firstVariableOfType(ZelDataVariableType)
         float* variableValues(int32_t)
+        uint64_t revision(int32_t)
+        void markChanged(int32_t)
         ZelDataVariable* variable(int32_t)
         int32_t addVariable(ZelDataVariableType, const string&, const string&) except +
         void resizeValues(int32_t, int32_t) except +
@@ -345,8 +349,13 @@ cdef extern from "nimbra/analysis/Lookup.h" namespace "nimbra":
         bool found()
     cdef cppclass PointLocator:
         @staticmethod
-        unique_ptr[PointLocator] create(const ZelData&, CoordinateSpace) except + nogil
+        unique_ptr[PointLocator] prepare(const ZelData&, CoordinateSpace) except + nogil
+        void build() except + nogil
+        bool current(const ZelData&) except + nogil
         void locate(double, double, PointLocation&) except + nogil
+        const float* x() nogil
+        const float* y() nogil
+        const float* confidence() nogil
     bool locatePoint(const ZelData&, CoordinateSpace, double, double, PointLocation&) except + nogil
     bool interpolate(const ZelData&, const PointLocation&, const vector[int32_t]&, double*) except + nogil
     bool arcLength(const ZelData&, const PointLocator&, double, double, double, double, int32_t,
