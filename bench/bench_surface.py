@@ -125,8 +125,9 @@ def curvature_figures(ds, rows, columns):
 
 def lookup_figures(ds, rows, columns):
     rng = np.random.default_rng(1)
-    x = ds[0].variable_view("X")
-    y = ds[0].variable_view("Y")
+    # Read-only views: a writable one alive would keep the look-ups off the tree.
+    x = ds[0].variable_view("X", writable=False)
+    y = ds[0].variable_view("Y", writable=False)
     queries = np.stack([rng.uniform(x.min(), x.max(), 10000), rng.uniform(y.min(), y.max(), 10000)], 1)
     names = ["U", "V", "W"]
 

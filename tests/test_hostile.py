@@ -40,27 +40,48 @@ def decoded(data):
 # ------------------------------------------------------------ wrapped grids
 
 @pytest.mark.parametrize("rows, columns, reason", [
-    (3, 0x55555556, "but variable 'X' holds 2 values."),
-    (0x10000, 0x10001, "but variable 'X' holds 65536 values."),
+    (3, 0x55555556, "but variable '{}' holds 2 values."),
+    (0x10000, 0x10001, "but variable '{}' holds 65536 values."),
     (0xFFFFFFFF, 0xFFFFFFFF, "which no data matrix can have."),
 ])
-@pytest.mark.parametrize("analysis, message, function", [
-    ("smooth", "Error in smooth variable.", "smoothVariable()"),
-    ("strain", "Error in calculating strain.", "computeStrain()"),
-    ("triangulation", "Error in calculating triangulation.", "triangulation()"),
+@pytest.mark.parametrize("analysis, result, function, read", [
+    ("smooth", "Error in smooth variable.", "smoothVariable()", "X"),
+    ("strain", "Error in calculating strain.", "computeStrain()", "X"),
+    ("triangulation", "Error in calculating triangulation.", "triangulation()", "X"),
+    # Curvature keeps the line it has always written.
+    ("curvature", "Error in calculating curvature.", None, None),
+    ("range", "Error in calculating range for 'X'.", "valueRange()", "X"),
+    ("sum_range", "Error in calculating range for the sum of variables 'X' and 'Y'.", "sumRange()", "X"),
+    ("aoi_area", None, "surfaceArea()", "X"),
+    ("find_minimum", (None, None), "findMinimum()", "Z"),
+    ("at_global_xy", None, "locatePoint()", "X"),
+    ("at_global_xy through the tree", None, "PointLocator::create()", "X"),
+    ("lookup_variables", None, "PointLocator::create()", "x"),
+    ("arclength", None, "PointLocator::create()", "X"),
 ])
-def test_analyses_refuse_a_grid_its_variables_do_not_fill(rows, columns, reason, analysis, message,
-                                                          function, capfd):
+def test_analyses_refuse_a_grid_its_variables_do_not_fill(rows, columns, reason, analysis, result,
+                                                          function, read, capfd):
     ds = decoded(block([grid_block(2, 3), grid_block(rows, columns)]))
     assert [ds[i].grid_is_consistent() for i in range(2)] == [True, False]
     run = {"smooth": lambda: ds.smooth("u", 3), "strain": lambda: ds.compute_strain(3),
-           "triangulation": lambda: ds.triangulation()}[analysis]
+           "triangulation": ds.triangulation, "curvature": lambda: ds.compute_curvature(3),
+           "range": lambda: ds.range("X"), "sum_range": lambda: ds.sum_range("X", "Y"),
+           "aoi_area": ds.aoi_area, "find_minimum": lambda: ds[1].find_minimum("Z"),
+           "at_global_xy": lambda: ds.at_global_xy(0, 0, ["U"]),
+           "at_global_xy through the tree": lambda: ds.at_global_xy(0, 0, ["U"], True),
+           "lookup_variables": lambda: ds.lookup_variables(0, 0, ["U"]),
+           "arclength": lambda: ds[1].arclength((0, 0), (1, 1), 2)}[analysis]
     capfd.readouterr()
-    with pytest.raises(ValueError) as error:
-        run()
-    assert str(error.value) == message
+    if isinstance(result, str):
+        with pytest.raises(ValueError) as error:
+            run()
+        assert str(error.value) == result
+    else:
+        assert run() == result
     shown = "%d x %d" % tuple(np.int32(np.uint32(v)) for v in (rows, columns))
-    assert capfd.readouterr().err == "Inconsistent grid in %s: %s points, %s\n" % (function, shown, reason)
+    line = ("Inconsistent grid in %s: %s points, %s\n" % (function, shown, reason.format(read))
+            if function else "Variables do not hold one value per grid point in computeCurvature().\n")
+    assert capfd.readouterr().err == line
 
 
 def test_csv_export_refuses_a_wrapped_grid(tmp_path):

@@ -649,11 +649,14 @@ bool computeCurvature(ZelData& data, int window, bool principal, bool reuse, boo
         index[o] = outputVariable(data, kNames[o], kNames[o] + unit, reuse);
     }
 
+    // Inputs through the const view (reading marks nothing changed), outputs
+    // through write access.
+    const ZelData& input = data;
     Job job;
-    job.confidence = data.variableValues(confidence);
+    job.confidence = input.variableValues(confidence);
     for (int c = 0; c < 3; ++c) {
-        job.channel[ChX + c] = ch.position[c] >= 0 ? data.variableValues(ch.position[c]) : nullptr;
-        job.channel[ChU + c] = ch.displacement[c] >= 0 ? data.variableValues(ch.displacement[c]) : nullptr;
+        job.channel[ChX + c] = ch.position[c] >= 0 ? input.variableValues(ch.position[c]) : nullptr;
+        job.channel[ChU + c] = ch.displacement[c] >= 0 ? input.variableValues(ch.displacement[c]) : nullptr;
     }
     for (int o = 0; o < kOutputs; ++o)
         job.output[o] = index[o] >= 0 ? data.variableValues(index[o]) : nullptr;
@@ -662,6 +665,8 @@ bool computeCurvature(ZelData& data, int window, bool principal, bool reuse, boo
     job.halfWidth = window / 2;
     job.factors = kernelFactors(window, weighted);
     if (gridPointCount(data) > 0) runCurvature(job, workers);
+    for (int o = 0; o < kOutputs; ++o)
+        if (index[o] >= 0) data.markChanged(index[o]);
     return true;
 }
 

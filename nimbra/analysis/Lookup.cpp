@@ -39,9 +39,16 @@ struct Mesh {
     }
 };
 
-// False when the AOI is refused; an AOI without a mesh gives an empty one.
-bool openMesh(const ZelData& data, CoordinateSpace space, Mesh& mesh, const char* caller) {
-    mesh = Mesh{};
+// The variables a mesh search reads; all -1 when the AOI has no mesh.
+struct MeshChannels {
+    int32_t index[3] = {-1, -1, -1};  // x, y, confidence
+    bool mesh() const { return index[0] >= 0; }
+};
+
+// False when the AOI is refused, with an error line naming `caller` (none
+// when it is null); an AOI without a mesh gives no channels.
+bool meshChannels(const ZelData& data, CoordinateSpace space, MeshChannels& out, const char* caller) {
+    out = MeshChannels{};
     // The conditions under which the triangulation meshes an AOI.
     if (data.gridKind() != 2 || data.variableIndex("x") < 0 || data.variableIndex("y") < 0)
         return true;
@@ -57,18 +64,25 @@ bool openMesh(const ZelData& data, CoordinateSpace space, Mesh& mesh, const char
         xi = ch.position[0];
         yi = ch.position[1];
     }
-    if (!holdsGrid(data, confidence) || !holdsGrid(data, xi) || !holdsGrid(data, yi)) {
-        NIMBRA_LOG(error) << "Coordinates or confidence do not hold one value per grid point in "
-                          << caller << ".";
+    if (caller != nullptr ? !requireConsistentGrid(data, {xi, yi, confidence}, caller)
+                          : !(holdsGrid(data, xi) && holdsGrid(data, yi) && holdsGrid(data, confidence)))
         return false;
-    }
     if (data.numRows() < 2 || data.numColumns() < 2) return true;
-    mesh.x = data.variableValues(xi);
-    mesh.y = data.variableValues(yi);
-    mesh.confidence = data.variableValues(confidence);
+    out.index[0] = xi;
+    out.index[1] = yi;
+    out.index[2] = confidence;
+    return true;
+}
+
+Mesh meshOf(const ZelData& data, const MeshChannels& ch) {
+    Mesh mesh;
+    if (!ch.mesh()) return mesh;
+    mesh.x = data.variableValues(ch.index[0]);
+    mesh.y = data.variableValues(ch.index[1]);
+    mesh.confidence = data.variableValues(ch.index[2]);
     mesh.rows = data.numRows();
     mesh.columns = data.numColumns();
-    return true;
+    return mesh;
 }
 
 // Twice the signed area of (a, b, p), computed with the edge's corners in
@@ -127,17 +141,51 @@ void testCell(const Mesh& m, int64_t a, int64_t b, double px, double py, PointLo
 
 }  // namespace
 
-std::unique_ptr<PointLocator> PointLocator::create(const ZelData& data, CoordinateSpace space) {
-    Mesh m;
-    if (!openMesh(data, space, m, "PointLocator::create()")) return nullptr;
+std::unique_ptr<PointLocator> PointLocator::prepare(const ZelData& data, CoordinateSpace space) {
+    MeshChannels ch;
+    if (!meshChannels(data, space, ch, "PointLocator::create()")) return nullptr;
     std::unique_ptr<PointLocator> locator(new PointLocator());
     locator->space_ = space;
-    if (m.rows == 0) return locator;
-    locator->x_ = m.x;
-    locator->y_ = m.y;
-    locator->confidence_ = m.confidence;
-    locator->rows_ = m.rows;
-    locator->columns_ = m.columns;
+    if (!ch.mesh()) return locator;
+    for (int k = 0; k < 3; ++k) {
+        const ZelDataVariable* v = data.variable(ch.index[k]);
+        // The revision before the values are read: a change made while the
+        // tree is built moves it on past the one kept here.
+        locator->revisions_[k] = v->currentRevision();
+        locator->arrays_[k] = v->values;
+    }
+    locator->rows_ = data.numRows();
+    locator->columns_ = data.numColumns();
+    return locator;
+}
+
+std::unique_ptr<PointLocator> PointLocator::create(const ZelData& data, CoordinateSpace space) {
+    std::unique_ptr<PointLocator> locator = prepare(data, space);
+    if (locator) locator->build();
+    return locator;
+}
+
+bool PointLocator::current(const ZelData& data) const {
+    MeshChannels ch;
+    if (!meshChannels(data, space_, ch, nullptr)) return false;
+    if (!ch.mesh() || !arrays_[0]) return ch.mesh() == static_cast<bool>(arrays_[0]);
+    if (data.numRows() != rows_ || data.numColumns() != columns_) return false;
+    for (int k = 0; k < 3; ++k) {
+        const ZelDataVariable* v = data.variable(ch.index[k]);
+        if (v->values.get() != arrays_[k].get() || v->currentRevision() != revisions_[k]) return false;
+    }
+    return true;
+}
+
+void PointLocator::build() {
+    tree_ = KDPointStorage();
+    if (!arrays_[0]) return;
+    Mesh m;
+    m.x = arrays_[0].get();
+    m.y = arrays_[1].get();
+    m.confidence = arrays_[2].get();
+    m.rows = rows_;
+    m.columns = columns_;
 
     // Reach of every point: the longest edge of the triangles it is a corner
     // of (triangles with a non-finite corner contain nothing). Squared
@@ -175,17 +223,16 @@ std::unique_ptr<PointLocator> PointLocator::create(const ZelData& data, Coordina
                      kAbsoluteMargin * (std::fabs(xs.back()) + std::fabs(ys.back())));
         ids.push_back(static_cast<int32_t>(p));
     }
-    locator->tree_.build(xs, ys, ids, rs);
-    return locator;
+    tree_.build(xs, ys, ids, rs);
 }
 
 void PointLocator::locate(double x, double y, PointLocation& out) const {
     out = PointLocation{};
-    if (rows_ == 0 || !std::isfinite(x) || !std::isfinite(y)) return;
+    if (!arrays_[0] || !std::isfinite(x) || !std::isfinite(y)) return;
     Mesh m;
-    m.x = x_;
-    m.y = y_;
-    m.confidence = confidence_;
+    m.x = arrays_[0].get();
+    m.y = arrays_[1].get();
+    m.confidence = arrays_[2].get();
     m.rows = rows_;
     m.columns = columns_;
     // Every triangle containing the position has all its corners within
@@ -201,15 +248,19 @@ void PointLocator::locate(double x, double y, PointLocation& out) const {
 bool locatePoint(const ZelData& data, CoordinateSpace space, double x, double y,
                  PointLocation& out) {
     out = PointLocation{};
-    Mesh m;
-    if (!openMesh(data, space, m, "locatePoint()")) return false;
+    MeshChannels ch;
+    if (!meshChannels(data, space, ch, "locatePoint()")) return false;
+    const Mesh m = meshOf(data, ch);
     if (m.rows == 0 || !std::isfinite(x) || !std::isfinite(y)) return true;
     for (int64_t a = 0; a < m.cellRows(); ++a) {
         const float* top = m.x + a * m.columns;
         const float* topY = m.y + a * m.columns;
         for (int64_t b = 0; b < m.cellColumns(); ++b) {
-            // Cheap rejection on the cell's box (NaN corners fail it too, and
-            // contain nothing anyway).
+            // Cheap rejection on the cell's box. A corner without a position
+            // (NaN, typically an invalid point) must not reject the cell: its
+            // other triangle may still hold the position. std::min and
+            // std::max skip a NaN unless it comes first, and then give NaN,
+            // which the test below lets through to the exact test.
             const float* xs[4] = {top + b, top + b + 1, top + b + m.columns, top + b + m.columns + 1};
             const float* ys[4] = {topY + b, topY + b + 1, topY + b + m.columns, topY + b + m.columns + 1};
             const double minX = std::min({*xs[0], *xs[1], *xs[2], *xs[3]});
@@ -220,8 +271,7 @@ bool locatePoint(const ZelData& data, CoordinateSpace space, double x, double y,
             // containment test (with its rounding) would accept.
             const double margin = kAbsoluteMargin * (std::fabs(minX) + std::fabs(maxX) +
                                                      std::fabs(minY) + std::fabs(maxY));
-            if (!(x >= minX - margin && x <= maxX + margin && y >= minY - margin &&
-                  y <= maxY + margin))
+            if (x < minX - margin || x > maxX + margin || y < minY - margin || y > maxY + margin)
                 continue;
             testCell(m, a, b, x, y, out);
             if (out.found()) return true;

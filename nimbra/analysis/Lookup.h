@@ -35,27 +35,49 @@ struct PointLocation {
 };
 
 // Locates positions in one AOI through a kd-tree over the mesh points. It
-// reads the AOI's coordinate and confidence arrays, so it must be rebuilt
-// whenever those (or the grid) change, and must not outlive the AOI.
+// shares the AOI's x, y and confidence arrays (they stay alive with it, even
+// after the AOI lets them go) and remembers their revisions, so that it can
+// tell whether it still answers for the AOI as it is now (current()).
 class PointLocator {
 public:
-    // Null, with an error logged, when the AOI's coordinate or confidence
-    // variables do not hold one value per grid point. An AOI without a mesh
-    // (not a grid, no "x"/"y" or confidence variable, no coordinates in the
-    // requested space) gives a locator that finds nothing.
+    // Takes what a look-up in `space` reads of the AOI, without building the
+    // tree yet. Null, with an error logged, when the AOI's coordinate or
+    // confidence variables do not hold one value per grid point. An AOI
+    // without a mesh (not a grid, no "x"/"y" or confidence variable, no
+    // coordinates in the requested space) gives a locator that finds
+    // nothing.
+    static std::unique_ptr<PointLocator> prepare(const ZelData& data, CoordinateSpace space);
+
+    // Builds the tree over the arrays prepare() took. Reads nothing else of
+    // the AOI, so the AOI's variable list may change meanwhile; values
+    // written meanwhile make current() false.
+    void build();
+
+    // prepare() and build() in one.
     static std::unique_ptr<PointLocator> create(const ZelData& data, CoordinateSpace space);
+
+    // True when the AOI would give this locator again: the same grid, the
+    // same x, y and confidence arrays (by address: the locator keeps them
+    // alive, so no other array can take an address it compares) and the
+    // revisions they had when prepare() took them. locate() then answers as
+    // locatePoint() on the AOI does. Logs nothing.
+    bool current(const ZelData& data) const;
 
     // Fills `out` (triangle -1 when the position is outside every triangle).
     void locate(double x, double y, PointLocation& out) const;
 
     CoordinateSpace space() const { return space_; }
     const KDPointStorage& tree() const { return tree_; }
+    // The arrays the locator reads, null without a mesh: for callers that
+    // know of writers the library does not see (a writable numpy view).
+    const float* x() const { return arrays_[0].get(); }
+    const float* y() const { return arrays_[1].get(); }
+    const float* confidence() const { return arrays_[2].get(); }
 
 private:
     PointLocator() = default;
-    const float* x_ = nullptr;
-    const float* y_ = nullptr;
-    const float* confidence_ = nullptr;
+    std::shared_ptr<float[]> arrays_[3];  // x, y, confidence
+    uint64_t revisions_[3] = {0, 0, 0};
     int64_t rows_ = 0;
     int64_t columns_ = 0;
     CoordinateSpace space_ = CoordinateSpace::Global;

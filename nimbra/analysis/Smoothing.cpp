@@ -355,6 +355,7 @@ bool smoothVariable(ZelData& data, const std::string& variable, int window, bool
         fit.fitRows(0, height, {result.data()}, progress);
     }
     std::copy(result.begin(), result.end(), data.variableValues(index));
+    data.markChanged(index);
     return true;
 }
 

@@ -161,28 +161,17 @@ NIMBRA_VECTOR_CLONES void scanSumRange(const float* a, const float* b, const flo
     }
 }
 
-// The confidence and variable arrays of an AOI, or false when refused.
-bool statisticArrays(const ZelData& data, std::initializer_list<int32_t> variables,
-                     const float*& conf, std::vector<const float*>& values, int64_t& size,
-                     const char* caller) {
-    size = gridPointCount(data);
-    values.clear();
-    for (int32_t v : variables) {
-        if (!holdsGrid(data, v)) {
-            NIMBRA_LOG(error) << "Variable does not hold one value per grid point in " << caller << ".";
-            return false;
-        }
-        values.push_back(data.variableValues(v));
-    }
+// The confidence and variable arrays of an AOI (`second` -1 for one
+// variable), or false when refused.
+bool statisticArrays(const ZelData& data, int32_t first, int32_t second, const float*& conf,
+                     const float* (&values)[2], int64_t& size, const char* caller) {
     // Without a confidence variable no point is valid.
     const int32_t c = data.firstVariableOfType(Correlation);
-    conf = nullptr;
-    if (c < 0) return true;
-    if (!holdsGrid(data, c)) {
-        NIMBRA_LOG(error) << "Confidence does not hold one value per grid point in " << caller << ".";
-        return false;
-    }
-    conf = data.variableValues(c);
+    if (!requireConsistentGrid(data, {first, second, c}, caller)) return false;
+    size = gridPointCount(data);
+    values[0] = data.variableValues(first);
+    values[1] = second >= 0 ? data.variableValues(second) : nullptr;
+    conf = c >= 0 ? data.variableValues(c) : nullptr;
     return true;
 }
 
@@ -190,9 +179,9 @@ bool extreme(const ZelData& data, int32_t variable, bool maximum, ValueExtreme& 
              const char* caller) {
     out = ValueExtreme{};
     const float* conf;
-    std::vector<const float*> values;
+    const float* values[2];
     int64_t n;
-    if (!statisticArrays(data, {variable}, conf, values, n, caller)) return false;
+    if (!statisticArrays(data, variable, -1, conf, values, n, caller)) return false;
     if (conf == nullptr || n == 0) return true;
     const float* v = values[0];
     const int workers = workersFor(n);
@@ -220,12 +209,10 @@ bool range(const ZelData& data, int32_t first, int32_t second, ValueRange& out,
            const char* caller) {
     out = ValueRange{};
     const float* conf;
-    std::vector<const float*> values;
+    const float* values[2];
     int64_t n;
     const bool sum = second >= 0;
-    if (!(sum ? statisticArrays(data, {first, second}, conf, values, n, caller)
-              : statisticArrays(data, {first}, conf, values, n, caller)))
-        return false;
+    if (!statisticArrays(data, first, second, conf, values, n, caller)) return false;
     if (conf == nullptr || n == 0) return true;
     const int workers = workersFor(n);
     std::vector<double> lo(static_cast<size_t>(workers)), hi(static_cast<size_t>(workers));
@@ -270,12 +257,17 @@ bool dataSetRange(const ZelDataSet& dataSet, const std::string& first, const std
     return true;
 }
 
-// One grid row in double precision: positions and validity (1 or 0),
-// padded to whole blocks of kLanes.
+// One grid row in double precision: positions and validity (1 or 0). The
+// cells are taken kLanes at a time, and the last block reads the right
+// corner of its last cell: the padding covers whole blocks of cells plus
+// that corner, and holds invalid points.
 struct RowBuffer {
     std::vector<double> x, y, z, valid;
-    explicit RowBuffer(int64_t columns)
-        : x(static_cast<size_t>((columns + kLanes) / kLanes * kLanes), 0.0), y(x), z(x), valid(x) {}
+    static size_t padded(int64_t columns) {
+        const int64_t cells = std::max<int64_t>(columns - 1, 0);
+        return static_cast<size_t>(std::max(columns, (cells + kLanes - 1) / kLanes * kLanes + 1));
+    }
+    explicit RowBuffer(int64_t columns) : x(padded(columns), 0.0), y(x), z(x), valid(x) {}
 };
 
 // Loops with a fixed trip count of kLanes, so that they vectorise at -O2.
@@ -422,12 +414,9 @@ bool surfaceArea(const ZelData& data, SurfaceArea& out) {
     const int32_t confidence = data.firstVariableOfType(Correlation);
     const SurfaceChannels ch = findSurfaceChannels(data);
     if (confidence < 0 || !ch.found) return true;
-    for (int32_t v : {confidence, ch.position[0], ch.position[1], ch.position[2]}) {
-        if (v >= 0 && !holdsGrid(data, v)) {
-            NIMBRA_LOG(error) << "Variable does not hold one value per grid point in surfaceArea().";
-            return false;
-        }
-    }
+    if (!requireConsistentGrid(data, {ch.position[0], ch.position[1], ch.position[2], confidence},
+                               "surfaceArea()"))
+        return false;
     const int64_t rows = data.numRows(), columns = data.numColumns();
     if (rows < 2 || columns < 2) return true;
     const float* x = data.variableValues(ch.position[0]);

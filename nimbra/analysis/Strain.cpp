@@ -642,6 +642,12 @@ bool computeStrain(ZelData& data, int window, bool principal, bool reuse, bool w
             out[p] = static_cast<float>(2.0 / 3.0 * std::sqrt(e1 * e1 - e1 * e2 + e2 * e2));
         });
     }
+    // Done writing: the confidence (points without a triangle became
+    // invalid) and the outputs, all of kind Strain, are marked changed once
+    // more for readers on other threads.
+    data.markChanged(confIndex);
+    for (int32_t i = 0; i < data.numVariables(); ++i)
+        if (data.variable(i)->type == Strain) data.markChanged(i);
     return true;
 }
 

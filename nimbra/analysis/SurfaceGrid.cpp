@@ -1,7 +1,5 @@
 #include "nimbra/analysis/SurfaceGrid.h"
 
-#include <limits>
-
 #include "nimbra/data/ZelData.h"
 
 namespace nimbra {
@@ -31,19 +29,6 @@ std::string bracketUnit(const std::string& description) {
 }
 
 }  // namespace
-
-int64_t gridPointCount(const ZelData& data) {
-    const int64_t rows = data.numRows(), columns = data.numColumns();
-    if (rows < 0 || columns < 0) return -1;
-    const int64_t count = rows * columns;
-    return count > std::numeric_limits<int32_t>::max() ? -1 : count;
-}
-
-bool holdsGrid(const ZelData& data, int32_t variable) {
-    const ZelDataVariable* v = data.variable(variable);
-    const int64_t count = gridPointCount(data);
-    return v != nullptr && count >= 0 && v->count == count && (count == 0 || v->values != nullptr);
-}
 
 SurfaceChannels findSurfaceChannels(const ZelData& data) {
     SurfaceChannels ch;

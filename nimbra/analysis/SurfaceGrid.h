@@ -1,7 +1,8 @@
 #pragma once
 // What the surface analyses (look-ups, area, statistics, curvature) read of
-// an AOI: the point count every variable must really hold, the coordinate
-// channels, and the triangles of one grid cell in mesh order.
+// an AOI: the coordinate channels and the triangles of one grid cell in mesh
+// order. The point count every variable must really hold is checked by the
+// grid checks of ZelData.h, shared with the other analyses.
 
 #include <cstdint>
 #include <string>
@@ -9,15 +10,6 @@
 namespace nimbra {
 
 class ZelData;
-
-// rows x columns as a 64-bit product, or -1 when it is negative or larger
-// than a variable can hold. The 32-bit matrixSize() may wrap; the analyses
-// here bound every index by this count instead.
-int64_t gridPointCount(const ZelData& data);
-
-// True when the variable exists and holds exactly gridPointCount() values,
-// so that every point index of the grid can be read from it.
-bool holdsGrid(const ZelData& data, int32_t variable);
 
 // Reference positions and, when present, displacements of an AOI, found by
 // the first complete convention: X, Y, Z / U, V, W (global kinds); x_c, y_c /

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "nimbra/log/Log.h"
 
@@ -81,36 +83,80 @@ int32_t ZelData::numVariables() const {
     return state_ ? static_cast<int32_t>(state_->variables.size()) : 0;
 }
 
+int64_t gridPointCount(const ZelData& data) {
+    const int64_t rows = data.numRows(), columns = data.numColumns();
+    if (rows < 0 || columns < 0) return -1;
+    const int64_t count = rows * columns;
+    return count > std::numeric_limits<int32_t>::max() ? -1 : count;
+}
+
+bool holdsGrid(const ZelData& data, int32_t variable) {
+    const ZelDataVariable* v = data.variable(variable);
+    const int64_t count = gridPointCount(data);
+    return v != nullptr && count >= 0 && v->count == count && (count == 0 || v->values != nullptr);
+}
+
 namespace {
 
-// Index of the first variable that does not hold rows x columns values,
-// numVariables() when all do, or -2 when they all do but the grid itself
-// cannot be a matrix (a negative side, or more points than the 32-bit
-// matrix size).
-int32_t firstInconsistentVariable(const ZelData& data) {
+// Why the grid cannot be indexed by row and column through these variables:
+// the first (in list order) that does not hold rows x columns values, or the
+// grid itself when every variable does but no data matrix can have it.
+// False when there is nothing to report.
+bool gridFault(const ZelData& data, const int32_t* first, const int32_t* last, std::string& fault) {
+    // The 64-bit product, even where the grid is beyond any matrix: a
+    // variable that holds the wrapped count is the more telling fault.
     const int64_t points = static_cast<int64_t>(data.numRows()) * data.numColumns();
-    for (int32_t i = 0; i < data.numVariables(); ++i)
-        if (data.variable(i)->count != points) return i;
-    if (data.numRows() < 0 || data.numColumns() < 0 ||
-        points > std::numeric_limits<int32_t>::max())
-        return -2;
-    return data.numVariables();
+    for (const int32_t* index = first; index != last; ++index) {
+        if (*index == -1) continue;  // an optional channel that is absent
+        const ZelDataVariable* v = data.variable(*index);
+        if (v == nullptr) {
+            fault = "but there is no variable " + std::to_string(*index) + ".";
+            return true;
+        }
+        if (v->count != points || (points > 0 && v->values == nullptr)) {
+            fault = "but variable '" + v->name + "' holds " + std::to_string(v->count) + " values.";
+            return true;
+        }
+    }
+    if (gridPointCount(data) < 0) {
+        fault = "which no data matrix can have.";
+        return true;
+    }
+    return false;
+}
+
+bool reportGrid(const ZelData& data, const int32_t* first, const int32_t* last, const char* function) {
+    std::string fault;
+    if (!gridFault(data, first, last, fault)) return true;
+    NIMBRA_LOG(error) << "Inconsistent grid in " << function << ": " << data.numRows() << " x "
+                      << data.numColumns() << " points, " << fault;
+    return false;
+}
+
+std::vector<int32_t> allVariables(const ZelData& data) {
+    std::vector<int32_t> all(static_cast<std::size_t>(data.numVariables()));
+    for (std::size_t i = 0; i < all.size(); ++i) all[i] = static_cast<int32_t>(i);
+    return all;
 }
 
 }  // namespace
 
-bool ZelData::gridIsConsistent() const { return firstInconsistentVariable(*this) == numVariables(); }
+bool ZelData::gridIsConsistent() const {
+    if (gridPointCount(*this) < 0) return false;
+    for (int32_t i = 0; i < numVariables(); ++i)
+        if (!holdsGrid(*this, i)) return false;
+    return true;
+}
 
 bool requireConsistentGrid(const ZelData& data, const char* function) {
-    const int32_t index = firstInconsistentVariable(data);
-    if (index == data.numVariables()) return true;
-    NIMBRA_LOG(error) << "Inconsistent grid in " << function << ": " << data.numRows() << " x "
-                      << data.numColumns() << " points, "
-                      << (index < 0 ? std::string("which no data matrix can have.")
-                                    : "but variable '" + data.variable(index)->name + "' holds " +
-                                          std::to_string(data.variable(index)->count) +
-                                          " values.");
-    return false;
+    if (data.gridIsConsistent()) return true;
+    const std::vector<int32_t> all = allVariables(data);
+    return reportGrid(data, all.data(), all.data() + all.size(), function);
+}
+
+bool requireConsistentGrid(const ZelData& data, std::initializer_list<int32_t> variables,
+                           const char* function) {
+    return reportGrid(data, variables.begin(), variables.end(), function);
 }
 
 void ZelData::setSize(int32_t rows, int32_t columns) {
@@ -155,12 +201,23 @@ int32_t ZelData::firstVariableOfType(ZelDataVariableType type) const {
 
 float* ZelData::variableValues(int32_t index) {
     ZelDataVariable* v = variable(index);
-    return v == nullptr ? nullptr : v->values.get();
+    if (v == nullptr) return nullptr;
+    v->markChanged();
+    return v->values.get();
 }
 
 const float* ZelData::variableValues(int32_t index) const {
     const ZelDataVariable* v = variable(index);
     return v == nullptr ? nullptr : v->values.get();
+}
+
+uint64_t ZelData::revision(int32_t index) const {
+    const ZelDataVariable* v = variable(index);
+    return v == nullptr ? 0 : v->currentRevision();
+}
+
+void ZelData::markChanged(int32_t index) {
+    if (ZelDataVariable* v = variable(index)) v->markChanged();
 }
 
 ZelDataVariable* ZelData::variable(int32_t index) {

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <initializer_list>
+#include <vector>
 
 #include "nimbra/data/ZelData.h"
 #include "nimbra/data/ZelDataSet.h"
@@ -109,14 +110,23 @@ void transformAoi(ZelData& data, const Channels& ch, const RigidTransform& trans
         data, {ch.confidence, ch.position[0], ch.position[1], ch.position[2], ch.displacement[0],
                ch.displacement[1], ch.displacement[2], hasSigma ? ch.sigma[0] : -1,
                hasSigma ? ch.sigma[1] : -1, hasSigma ? ch.sigma[2] : -1});
-    const float* conf = data.variableValues(ch.confidence);
-    float* pos[3] = {nullptr, nullptr, nullptr};
+    // Write access (which marks a variable changed) only to what is written.
+    const ZelData& input = data;
+    const float* conf = input.variableValues(ch.confidence);
+    const float* pos[3] = {nullptr, nullptr, nullptr};
+    float* newPos[3] = {nullptr, nullptr, nullptr};
     float* dis[3] = {nullptr, nullptr, nullptr};
     float* sig[3] = {nullptr, nullptr, nullptr};
+    std::vector<int32_t> written;
+    const auto write = [&](int32_t index) {
+        written.push_back(index);
+        return data.variableValues(index);
+    };
     for (int k = 0; k < dims; ++k) {
-        pos[k] = data.variableValues(ch.position[k]);
-        if (hasDisplacement) dis[k] = data.variableValues(ch.displacement[k]);
-        if (hasSigma) sig[k] = data.variableValues(ch.sigma[k]);
+        pos[k] = input.variableValues(ch.position[k]);
+        if (!displacementOnly) newPos[k] = write(ch.position[k]);
+        if (hasDisplacement) dis[k] = write(ch.displacement[k]);
+        if (hasSigma && !displacementOnly) sig[k] = write(ch.sigma[k]);
     }
     const Mat3 m = transform.rotation().matrix();
     // Uncertainties propagate through the fourth power of each matrix entry.
@@ -138,7 +148,7 @@ void transformAoi(ZelData& data, const Channels& ch, const RigidTransform& trans
             continue;
         }
         const Vec3 newPosition = transform.apply(p);
-        for (int k = 0; k < dims; ++k) pos[k][i] = static_cast<float>(newPosition[static_cast<std::size_t>(k)]);
+        for (int k = 0; k < dims; ++k) newPos[k][i] = static_cast<float>(newPosition[static_cast<std::size_t>(k)]);
         if (hasDisplacement) {
             const Vec3 newDisplacement = multiply3(m, d);
             for (int k = 0; k < dims; ++k)
@@ -150,6 +160,8 @@ void transformAoi(ZelData& data, const Channels& ch, const RigidTransform& trans
             for (int k = 0; k < 3; ++k) sig[k][i] = static_cast<float>(newSigma[static_cast<std::size_t>(k)]);
         }
     }
+    // Done: marked once more for readers on other threads.
+    for (int32_t index : written) data.markChanged(index);
 }
 
 }  // namespace

@@ -600,7 +600,7 @@ def _mesh_state(ds, pixel: bool):
         if used is None:
             arrays.append(None)
             continue
-        x, y, confidence = (aoi.variable_view(i).reshape(-1) for i in used)
+        x, y, confidence = (aoi.variable_view(i, writable=False).reshape(-1) for i in used)
         arrays.append((x, y, confidence >= 0))
     return (tuple(shapes), tuple(inputs)), arrays
 

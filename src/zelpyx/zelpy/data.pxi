@@ -4,15 +4,31 @@ from cython.operator cimport dereference as deref
 from cpython.bytes cimport PyBytes_FromStringAndSize, PyBytes_AS_STRING
 
 
+# Writable numpy views alive, by the address of the values they show. The
+# library cannot see writes through them, so a look-up tree over such values
+# is never trusted while one is alive (a view keeps its values alive, so no
+# other array can take its address meanwhile).
+cdef dict _writable_views = {}
+
+
 cdef class _SharedValues:
     """Keeps one variable's value storage alive for the numpy arrays viewing it."""
     cdef nimbra.SharedValues values
+    cdef size_t _writable  # the address registered in _writable_views; 0 when read-only
+
+    def __dealloc__(self):
+        if self._writable == 0 or _writable_views is None:  # None at interpreter exit
+            return
+        left = _writable_views.pop(self._writable, 1) - 1
+        if left > 0:
+            _writable_views[self._writable] = left
 
 
-cdef object _view_values(nimbra.ZelDataVariable* record, tuple shape):
+cdef object _view_values(nimbra.ZelDataVariable* record, tuple shape, bint writable):
     cdef cnp.npy_intp dims[2]
     cdef _SharedValues owner
     cdef int nd = len(shape)
+    cdef size_t address
     if record.count <= 0 or record.values.get() == NULL:
         return np.empty(shape if nd == 2 and shape[0] * shape[1] == 0 else (0,), dtype=np.float32)
     dims[0] = shape[0]
@@ -22,13 +38,24 @@ cdef object _view_values(nimbra.ZelDataVariable* record, tuple shape):
     owner.values = record.values
     arr = cnp.PyArray_SimpleNewFromData(nd, dims, cnp.NPY_FLOAT32, <void*>record.values.get())
     cnp.set_array_base(arr, owner)
+    if writable:
+        address = <size_t>record.values.get()
+        _writable_views[address] = _writable_views.get(address, 0) + 1
+        owner._writable = address
+        # Whatever is written through it, and whenever: the values count as
+        # changed from here on.
+        record.markChanged()
+    else:
+        # For good: numpy refuses to make it writable again, since its base
+        # offers no writable buffer.
+        cnp.PyArray_CLEARFLAGS(<cnp.ndarray>arr, cnp.NPY_ARRAY_WRITEABLE)
     return arr
 
 
 cdef object _variable_array(nimbra.ZelData* aoi, int32_t index):
-    # A flat view without copying; callers copy it into their own arrays.
+    # A flat read-only view without copying; callers copy it into their own arrays.
     cdef nimbra.ZelDataVariable* record = aoi.variable(index)
-    return _view_values(record, (record.count,))
+    return _view_values(record, (record.count,), False)
 
 
 cdef object _structured(nimbra.ZelData* aoi, list names, object out, Py_ssize_t start):
@@ -48,16 +75,6 @@ cdef inline int32_t _resolve_variable(nimbra.ZelData* aoi, object variable) exce
     if isinstance(variable, str):
         return aoi.variableIndex(_utf8(variable))
     return <int32_t>variable
-
-
-cdef bint _mesh_variable(nimbra.ZelData* aoi, int32_t index):
-    """Whether the look-up trees read this variable: a coordinate, the
-    confidence kind, or one named "x" or "y"."""
-    cdef nimbra.ZelDataVariable* record = aoi.variable(index)
-    if record == NULL:
-        return False
-    return (record.type == nimbra.PixelCoordinate or record.type == nimbra.GlobalCoordinate
-            or record.type == nimbra.Correlation or record.name == b"x" or record.name == b"y")
 
 
 cdef _copy_into_variable(nimbra.ZelData* aoi, int32_t index, object values):
@@ -86,6 +103,9 @@ cdef _copy_into_variable(nimbra.ZelData* aoi, int32_t index, object values):
             memcpy(record.values.get(), &view[0], n * sizeof(float))
     else:
         memcpy(record.values.get(), converted.data(), n * sizeof(float))
+    # After the copy (by index: the record may have moved meanwhile), so that
+    # a reader that derived data while it ran sees the change.
+    aoi.markChanged(index)
 
 
 cdef class ZelData:
@@ -98,6 +118,7 @@ cdef class ZelData:
     cdef nimbra.ZelData* thisptr
     cdef bint _owned
     cdef ZelDataSet _dataset
+    cdef int32_t _index  # in the dataset; 0 for an owned copy
     cdef long _generation
     cdef dict _locators  # look-up trees of an owned copy
 
@@ -105,6 +126,7 @@ cdef class ZelData:
         self.thisptr = NULL
         self._owned = False
         self._dataset = None
+        self._index = 0
         self._locators = {}
         if other and isinstance(other, ZelData):
             (<ZelData>other).__check_thisptr()
@@ -120,10 +142,11 @@ cdef class ZelData:
             del self.thisptr
         self.thisptr = NULL
 
-    cdef void _attach(self, ZelDataSet dataset, nimbra.ZelData* aoi):
-        self.thisptr = aoi
+    cdef void _attach(self, ZelDataSet dataset, int32_t index):
+        self.thisptr = dataset.thisptr.data(index)
         self._owned = False
         self._dataset = dataset
+        self._index = index
         self._generation = dataset._generation
 
     def __check_thisptr(self):
@@ -143,17 +166,18 @@ cdef class ZelData:
         raise TypeError("no default __reduce__ due to non-trivial __cinit__")
 
     cdef dict _locator_cache(self):
-        # A borrowed AOI shares its dataset's trees, so that every ZelData
-        # handed out for it sees the same (and the same invalidation).
+        # Trees by (AOI index, pixel space): a borrowed AOI shares its
+        # dataset's, so that every ZelData handed out for it uses the same.
         return self._dataset._locators if self._dataset is not None else self._locators
-
-    cdef void _forget_locators(self):
-        self._locator_cache().clear()
 
     def clear(self):
         """Removes every variable and sets the grid to 0 x 0."""
         self.__check_thisptr()
-        self._forget_locators()
+        # Not needed for the answers (a tree notices the change itself), but
+        # the trees would keep the freed values alive until the next look-up.
+        cache = self._locator_cache()
+        for pixel in (False, True):
+            cache.pop((self._index, pixel), None)
         self.thisptr.clear()
 
     def copy(self):
@@ -253,9 +277,8 @@ cdef class ZelData:
             _resolve_variable(self.thisptr, variable_index))
         if record == NULL or n >= record.count:
             raise IndexError("Variable index out of range.")
-        if _mesh_variable(self.thisptr, _resolve_variable(self.thisptr, variable_index)):
-            self._forget_locators()
         record.values.get()[n] = value
+        record.markChanged()
 
     def set_values(self, variable_index, values):
         """Replaces all values of a variable given by name or index.
@@ -264,10 +287,7 @@ cdef class ZelData:
         ``matrix_size()`` elements.
         """
         self.__check_thisptr()
-        cdef int32_t index = _resolve_variable(self.thisptr, variable_index)
-        if _mesh_variable(self.thisptr, index):
-            self._forget_locators()
-        _copy_into_variable(self.thisptr, index, values)
+        _copy_into_variable(self.thisptr, _resolve_variable(self.thisptr, variable_index), values)
 
     def as_array(self, variables):
         """The listed variables as a numpy structured array of float32 fields."""
@@ -276,13 +296,20 @@ cdef class ZelData:
         out = np.empty(self.thisptr.matrixSize(), dtype=[(name, np.float32) for name in names])
         return _structured(self.thisptr, names, out, 0)
 
-    def variable_view(self, variable):
+    def variable_view(self, variable, bint writable=True):
         """One variable's values as a float32 array of shape (rows, columns).
 
         The array shares memory with the AOI: no copy is made, and writing to
         it changes the dataset. It keeps the values alive on its own, so it
         stays valid (detached) even after the dataset is reloaded.
         ``variable`` is a name or an index.
+
+        With ``writable=False`` the array is read-only for good (numpy
+        refuses writes and will not make it writable). Prefer it for reading
+        coordinates or the confidence between look-ups with ``use_tree``: the
+        library cannot see writes through a writable view, so taking one
+        counts as a change of the variable (the next look-up rebuilds its
+        kd-tree), and while one is alive look-ups search without the tree.
         """
         self.__check_thisptr()
         cdef int32_t index = _resolve_variable(self.thisptr, variable)
@@ -291,13 +318,10 @@ cdef class ZelData:
             if isinstance(variable, str):
                 raise ValueError("Could not find variable " + variable)
             raise IndexError("Variable index out of range.")
-        # The view may be written to: look-ups made after this rebuild their trees.
-        if _mesh_variable(self.thisptr, index):
-            self._forget_locators()
         rows, columns = self.thisptr.numRows(), self.thisptr.numColumns()
         if record.count == self.thisptr.matrixSize() and rows * columns == record.count:
-            return _view_values(record, (rows, columns))
-        return _view_values(record, (record.count,))
+            return _view_values(record, (rows, columns), writable)
+        return _view_values(record, (record.count,), writable)
 
     # ---------------------------------------------------- surface analyses
 
@@ -389,7 +413,10 @@ cdef class ZelDataSet:
     cdef nimbra.ZelDataSet* thisptr
     cdef object _file_name
     cdef long _generation
-    cdef dict _locators  # look-up trees by (AOI address, pixel space)
+    # Look-up trees by (AOI index, pixel space), at most two per AOI. Each
+    # checks on every use that it still answers for its AOI as it is now, so
+    # no change needs to reach this cache.
+    cdef readonly dict _locators
 
     def __cinit__(self):
         self.thisptr = new nimbra.ZelDataSet()
@@ -397,20 +424,11 @@ cdef class ZelDataSet:
         self._generation = 0
         self._locators = {}
 
-    cdef void _touch(self):
-        # Coordinates, confidence or the grid may have changed: the look-up
-        # trees are rebuilt on their next use.
+    cdef void _replace_content(self):
+        # Every AOI handed out so far is about to be freed. The trees would
+        # notice, but keep the old values alive until then.
+        self._generation += 1
         self._locators.clear()
-
-    cdef void _touch_names(self, names):
-        # Only changes of what the trees read make them stale.
-        cdef nimbra.ZelData* aoi
-        for i in range(self.thisptr.numData()):
-            aoi = self.thisptr.data(i)
-            for name in names:
-                if isinstance(name, str) and _mesh_variable(aoi, aoi.variableIndex(_utf8(name))):
-                    self._touch()
-                    return
 
     def __dealloc__(self):
         del self.thisptr
@@ -435,9 +453,7 @@ cdef class ZelDataSet:
 
     cdef bint _decode(self, const uint8_t* data, Py_ssize_t size):
         cdef cbool ok = False
-        # Every AOI handed out so far is about to be freed.
-        self._generation += 1
-        self._touch()
+        self._replace_content()
         if size < 0 or size > 0x7FFFFFFF:
             self.thisptr.clear()
             return False
@@ -457,7 +473,7 @@ cdef class ZelDataSet:
             piece.offset = start
             piece.length = length
             native_pieces.push_back(piece)
-        self._generation += 1
+        self._replace_content()
         with nogil:
             ok = self.thisptr.load(native, native_pieces)
         return ok
@@ -483,8 +499,7 @@ cdef class ZelDataSet:
             return
         cdef string path = _utf8(file_name)
         cdef cbool ok = False
-        self._generation += 1
-        self._touch()
+        self._replace_content()
         with nogil:
             ok = self.thisptr.load(path)
         if not ok:
@@ -594,7 +609,7 @@ cdef class ZelDataSet:
         if n < 0 or n >= self.thisptr.numData():
             raise IndexError("Index " + str(n) + " outside valid range (0, " + str(self.thisptr.numData()) + ")")
         cdef ZelData result = ZelData(yes_create_the_object_i_know_what_i_do=True)
-        result._attach(self, self.thisptr.data(n))
+        result._attach(self, n)
         return result
 
     def __getitem__(self, n):
@@ -606,7 +621,6 @@ cdef class ZelDataSet:
         Variables are then added to every AOI with :meth:`add_variable`.
         """
         self.__check_thisptr()
-        self._touch()
         if rows < 0 or columns < 0 or <int64_t>rows * columns > 0x7FFFFFFF:
             raise ValueError("Invalid grid size " + str(rows) + " x " + str(columns) + ".")
         self.thisptr.addData(rows, columns, _utf8(name))
@@ -666,10 +680,6 @@ cdef class ZelDataSet:
         """
         self.__check_thisptr()
         if isinstance(variables, dict):
-            self._touch_names(variables.keys())
-        elif isinstance(variables, np.ndarray) and variables.dtype.names is not None:
-            self._touch_names(variables.dtype.names)
-        if isinstance(variables, dict):
             items = list(variables.items())
         elif isinstance(variables, np.ndarray) and variables.dtype.names is not None:
             items = [(name, variables[name]) for name in variables.dtype.names]
@@ -700,9 +710,6 @@ cdef class ZelDataSet:
         made unique.
         """
         self.__check_thisptr()
-        if (variable_type in (ZelDataVariableType.PixelCoordinate, ZelDataVariableType.GlobalCoordinate,
-                              ZelDataVariableType.Correlation) or variable_name in ("x", "y")):
-            self._touch()
         cdef string name = _utf8(variable_name)
         cdef string description = _utf8(variable_description)
         cdef nimbra.ZelDataVariableType kind = <nimbra.ZelDataVariableType><int>variable_type.value
@@ -721,6 +728,7 @@ cdef class ZelDataSet:
                                      + str(values.size() - start if values.size() > start else 0) + ".")
                 if size > 0:
                     memcpy(aoi.variable(index).values.get(), values.data() + start, size * sizeof(float))
+                    aoi.markChanged(index)
                 start += size
         return result
 
@@ -756,7 +764,6 @@ cdef class ZelDataSet:
         (see ZelData.grid_is_consistent) or a window below 1.
         """
         self.__check_thisptr()
-        self._touch_names((variable,))
         _dataset_smooth(self, variable, window_size, weighted)
 
     def compute_strain(self, int window_size=15, tensor_type=TensorType.LagrangeStrainTensor,
@@ -820,7 +827,6 @@ cdef class ZelDataSet:
         results.
         """
         self.__check_thisptr()
-        self._touch()
         _dataset_compute_strain(self, window_size, tensor_type, compute_principal_strain,
                                 reuse_variables, weighted_filter, compute_tresca,
                                 compute_von_mises, output_gradient)
@@ -863,7 +869,6 @@ cdef class ZelDataSet:
         T(p + d) - p.
         """
         self.__check_thisptr()
-        self._touch()
         _transform_dataset(self, rigid_trnasformation, displacement_only)
 
     # -------------------------------------------------- surface analyses

@@ -67,6 +67,8 @@ cdef extern from "nimbra/data/ZelData.h" namespace "nimbra" nogil:
         int32_t type
         SharedValues values
         int32_t count
+        # Call after writing values in place through `values`.
+        void markChanged()
 
     cdef cppclass ZelData:
         ZelData() except +
@@ -86,12 +88,17 @@ cdef extern from "nimbra/data/ZelData.h" namespace "nimbra" nogil:
         int32_t findVariable(ZelDataVariableType, const string&)
         int32_t firstVariableOfType(ZelDataVariableType)
         float* variableValues(int32_t)
+        uint64_t revision(int32_t)
+        void markChanged(int32_t)
         ZelDataVariable* variable(int32_t)
         int32_t addVariable(ZelDataVariableType, const string&, const string&) except +
         void resizeValues(int32_t, int32_t) except +
         void resizeVariables(int32_t) except +
         bool removeVariable(int32_t)
         void canonicalOrder() except +
+
+    # One value per grid point, rows x columns counted in 64 bits.
+    bool holdsGrid(const ZelData&, int32_t)
 
 
 cdef extern from "nimbra/data/ZelDataSet.h" namespace "nimbra" nogil:
@@ -332,6 +339,8 @@ cdef extern from "nimbra/analysis/KDPointStorage.h" namespace "nimbra":
 
 
 cdef extern from "nimbra/analysis/Lookup.h" namespace "nimbra":
+    # Every call that finds an AOI's channels may allocate: except + turns a
+    # bad_alloc into MemoryError instead of ending the process.
     cdef enum class CoordinateSpace "nimbra::CoordinateSpace":
         Global
         Pixel
@@ -343,10 +352,15 @@ cdef extern from "nimbra/analysis/Lookup.h" namespace "nimbra":
         bool found()
     cdef cppclass PointLocator:
         @staticmethod
-        unique_ptr[PointLocator] create(const ZelData&, CoordinateSpace) except + nogil
-        void locate(double, double, PointLocation&) nogil
-    bool locatePoint(const ZelData&, CoordinateSpace, double, double, PointLocation&) nogil
-    bool interpolate(const ZelData&, const PointLocation&, const vector[int32_t]&, double*) nogil
+        unique_ptr[PointLocator] prepare(const ZelData&, CoordinateSpace) except + nogil
+        void build() except + nogil
+        bool current(const ZelData&) except + nogil
+        void locate(double, double, PointLocation&) except + nogil
+        const float* x() nogil
+        const float* y() nogil
+        const float* confidence() nogil
+    bool locatePoint(const ZelData&, CoordinateSpace, double, double, PointLocation&) except + nogil
+    bool interpolate(const ZelData&, const PointLocation&, const vector[int32_t]&, double*) except + nogil
     bool arcLength(const ZelData&, const PointLocator&, double, double, double, double, int32_t,
                    double&) except + nogil
 
@@ -356,7 +370,6 @@ cdef extern from "nimbra/analysis/SurfaceGrid.h" namespace "nimbra":
         int32_t position[3]
         bool found
     SurfaceChannels findSurfaceChannels(const ZelData&) except + nogil
-    bool holdsGrid(const ZelData&, int32_t) nogil
 
 
 cdef extern from "nimbra/analysis/Statistics.h" namespace "nimbra":

@@ -16,24 +16,53 @@ cdef inline nimbra.CoordinateSpace _space(bint pixel):
     return nimbra.CoordinateSpace.Pixel if pixel else nimbra.CoordinateSpace.Global
 
 
-cdef _PointLocator _cached_locator(dict cache, nimbra.ZelData* aoi, bint pixel):
-    """The AOI's locator from `cache`, built on first use; None when the
-    library refuses the AOI. The cache is emptied by every change the owner
-    makes to coordinates, confidence or grid."""
-    key = (<size_t>aoi, pixel)
+cdef inline bint _viewed(nimbra.PointLocator* locator):
+    """Whether a writable numpy view of an array the locator reads is alive:
+    it may change the values at any time, unseen by the library."""
+    if not _writable_views:
+        return False
+    return (<size_t>locator.x() in _writable_views or <size_t>locator.y() in _writable_views
+            or <size_t>locator.confidence() in _writable_views)
+
+
+cdef object _REFUSED = object()
+
+
+cdef object _tree(dict cache, object key, nimbra.ZelData* aoi, bint pixel, bint transient=False):
+    """The AOI's look-up tree under `key` of `cache`.
+
+    The cached tree is used while it still answers for the AOI as it is (the
+    library compares the arrays and their revisions; a writable view of them
+    counts as a change); otherwise a new one is built and cached. _REFUSED
+    when the library refuses the AOI. None when no tree can be trusted now: a
+    writable view of the coordinates or confidence is alive, or they changed
+    while the tree was built; the caller searches without it. With
+    `transient`, such a tree is built and returned anyway, uncached, for a
+    caller that has no other way.
+    """
     cdef _PointLocator locator = cache.get(key)
     if locator is not None:
-        return locator
-    cdef unique_ptr[nimbra.PointLocator] built
-    cdef nimbra.CoordinateSpace space = _space(pixel)
-    with nogil:
-        built = nimbra.PointLocator.create(deref(aoi), space)
+        if locator.ptr.get().current(deref(aoi)) and not _viewed(locator.ptr.get()):
+            return locator
+        # Dropped now: it keeps the arrays it read alive.
+        cache.pop(key, None)
+    cdef unique_ptr[nimbra.PointLocator] built = nimbra.PointLocator.prepare(deref(aoi), _space(pixel))
     if not built:
+        return _REFUSED
+    cdef bint viewed = _viewed(built.get())
+    if viewed and not transient:
         return None
+    # The tree reads only the arrays prepare() took (kept alive by it), so
+    # other threads may use the dataset meanwhile; a change they make shows
+    # in current() below.
+    with nogil:
+        built.get().build()
     locator = _PointLocator()
     locator.ptr = move(built)
-    cache[key] = locator
-    return locator
+    if not viewed and locator.ptr.get().current(deref(aoi)) and not _viewed(locator.ptr.get()):
+        cache[key] = locator
+        return locator
+    return locator if transient else None
 
 
 cdef vector[int32_t] _variable_indices(nimbra.ZelData* aoi, variable_list) except *:
@@ -48,18 +77,18 @@ cdef vector[int32_t] _variable_indices(nimbra.ZelData* aoi, variable_list) excep
     return indices
 
 
-cdef bint _locate_in(dict cache, nimbra.ZelData* aoi, double x, double y, bint pixel,
+cdef bint _locate_in(dict cache, object key, nimbra.ZelData* aoi, double x, double y, bint pixel,
                      bint use_tree, nimbra.PointLocation* at) except -1:
     """Fills `at`; False when the library refuses the AOI."""
-    cdef _PointLocator locator
     cdef cbool ok = True
     cdef nimbra.CoordinateSpace space = _space(pixel)
     if use_tree:
-        locator = _cached_locator(cache, aoi, pixel)
-        if locator is None:
+        tree = _tree(cache, key, aoi, pixel)
+        if tree is _REFUSED:
             return False
-        locator.ptr.get().locate(x, y, at[0])
-        return True
+        if tree is not None:
+            (<_PointLocator>tree).ptr.get().locate(x, y, at[0])
+            return True
     with nogil:
         ok = nimbra.locatePoint(deref(aoi), space, x, y, at[0])
     return ok
@@ -96,7 +125,8 @@ cdef object _aoi_lookup(ZelData data, double x, double y, variable_list, bint pi
                         bint use_tree):
     cdef vector[int32_t] indices = _variable_indices(data.thisptr, variable_list)
     cdef nimbra.PointLocation at
-    if not _locate_in(data._locator_cache(), data.thisptr, x, y, pixel, use_tree, &at):
+    if not _locate_in(data._locator_cache(), (data._index, pixel), data.thisptr, x, y, pixel,
+                      use_tree, &at):
         return None
     if not at.found():
         return None
@@ -105,7 +135,8 @@ cdef object _aoi_lookup(ZelData data, double x, double y, variable_list, bint pi
 
 cdef object _aoi_locate(ZelData data, double x, double y, bint pixel, bint use_tree):
     cdef nimbra.PointLocation at
-    if not _locate_in(data._locator_cache(), data.thisptr, x, y, pixel, use_tree, &at):
+    if not _locate_in(data._locator_cache(), (data._index, pixel), data.thisptr, x, y, pixel,
+                      use_tree, &at):
         return None
     return _location_tuple(&at, 0) if at.found() else None
 
@@ -125,9 +156,10 @@ cdef object _aoi_arclength(ZelData data, point_a, point_b, int steps):
     bx, by = float(point_b[0]), float(point_b[1])
     if steps < 1:
         return None
-    cdef _PointLocator locator = _cached_locator(data._locator_cache(), data.thisptr, False)
-    if locator is None:
+    tree = _tree(data._locator_cache(), (data._index, False), data.thisptr, False, True)
+    if tree is _REFUSED:
         return None
+    cdef _PointLocator locator = tree
     cdef double length = 0.0
     cdef cbool ok = False
     with nogil:
@@ -167,7 +199,7 @@ cdef object _dataset_lookup(ZelDataSet dataset, double x, double y, variable_lis
     cdef nimbra.ZelData* aoi
     for i in range(dataset.thisptr.numData()):
         aoi = dataset.thisptr.data(i)
-        if not _locate_in(dataset._locators, aoi, x, y, pixel, use_tree, &at):
+        if not _locate_in(dataset._locators, (i, pixel), aoi, x, y, pixel, use_tree, &at):
             return None
         if at.found():
             return _interpolated(aoi, &at, indices[i])
@@ -180,7 +212,7 @@ cdef object _dataset_locate(ZelDataSet dataset, double x, double y, bint pixel, 
     cdef int64_t offset = 0
     for i in range(dataset.thisptr.numData()):
         aoi = dataset.thisptr.data(i)
-        if not _locate_in(dataset._locators, aoi, x, y, pixel, use_tree, &at):
+        if not _locate_in(dataset._locators, (i, pixel), aoi, x, y, pixel, use_tree, &at):
             return None
         if at.found():
             return _location_tuple(&at, offset)
