@@ -67,7 +67,8 @@ def broken(outs):
 def client():
     distributed = pytest.importorskip("distributed")
     with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
-                                  host="127.0.0.1", dashboard_address=None) as cluster:
+                                  host="127.0.0.1", dashboard_address=None,
+                                  scheduler_kwargs={"dashboard_address": "127.0.0.1:0"}) as cluster:
         with distributed.Client(cluster, timeout=60, set_as_default=False) as client:
             yield client
 

@@ -302,7 +302,10 @@ def _start_local(workers: int):
         # shuts down, say) would only litter the terminal.
         cluster = distributed.LocalCluster(
             n_workers=workers, threads_per_worker=1, processes=True,
-            host="127.0.0.1", dashboard_address=None, silence_logs=logging.CRITICAL)
+            host="127.0.0.1", dashboard_address=None, silence_logs=logging.CRITICAL,
+            # The scheduler serves HTTP even without a dashboard: on loopback,
+            # on a free port, not on 8787 of every interface.
+            scheduler_kwargs={"dashboard_address": "127.0.0.1:0"})
     client = None
     try:
         client = distributed.Client(cluster, set_as_default=False)
