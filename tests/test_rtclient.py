@@ -382,6 +382,15 @@ def test_disconnect_while_data_is_flowing_raises_nothing(client, conn, received,
     sender.start()
     take(received, 3)
     client.disconnect()
+    assert client.thread is None and client.socket is None
+    # The server sees the client go: an end of stream, or a reset when the
+    # client left received bytes unread.
+    with contextlib.suppress(ConnectionResetError):
+        assert conn.recv(1) == b""
+    # A sender parked on a zero window learns of the close only from its next
+    # window probe, which the kernel may send seconds later: end it here.
+    with contextlib.suppress(OSError):
+        conn.shutdown(socket.SHUT_RDWR)
     sender.join(TIMEOUT)
     assert not sender.is_alive()
     assert thread_errors.empty() and client.error is None
