@@ -74,15 +74,21 @@ bool meshChannels(const ZelData& data, CoordinateSpace space, MeshChannels& out,
     return true;
 }
 
-Mesh meshOf(const ZelData& data, const MeshChannels& ch) {
+Mesh meshOf(const float* x, const float* y, const float* confidence, int64_t rows,
+            int64_t columns) {
     Mesh mesh;
-    if (!ch.mesh()) return mesh;
-    mesh.x = data.variableValues(ch.index[0]);
-    mesh.y = data.variableValues(ch.index[1]);
-    mesh.confidence = data.variableValues(ch.index[2]);
-    mesh.rows = data.numRows();
-    mesh.columns = data.numColumns();
+    mesh.x = x;
+    mesh.y = y;
+    mesh.confidence = confidence;
+    mesh.rows = rows;
+    mesh.columns = columns;
     return mesh;
+}
+
+Mesh meshOf(const ZelData& data, const MeshChannels& ch) {
+    if (!ch.mesh()) return Mesh{};
+    return meshOf(data.variableValues(ch.index[0]), data.variableValues(ch.index[1]),
+                  data.variableValues(ch.index[2]), data.numRows(), data.numColumns());
 }
 
 // Twice the signed area of (a, b, p), computed with the edge's corners in
@@ -180,12 +186,7 @@ bool PointLocator::current(const ZelData& data) const {
 void PointLocator::build() {
     tree_ = KDPointStorage();
     if (!arrays_[0]) return;
-    Mesh m;
-    m.x = arrays_[0].get();
-    m.y = arrays_[1].get();
-    m.confidence = arrays_[2].get();
-    m.rows = rows_;
-    m.columns = columns_;
+    const Mesh m = meshOf(this->x(), this->y(), confidence(), rows_, columns_);
 
     // Reach of every point: the longest edge of the triangles it is a corner
     // of (triangles with a non-finite corner contain nothing). Squared
@@ -229,12 +230,7 @@ void PointLocator::build() {
 void PointLocator::locate(double x, double y, PointLocation& out) const {
     out = PointLocation{};
     if (!arrays_[0] || !std::isfinite(x) || !std::isfinite(y)) return;
-    Mesh m;
-    m.x = arrays_[0].get();
-    m.y = arrays_[1].get();
-    m.confidence = arrays_[2].get();
-    m.rows = rows_;
-    m.columns = columns_;
+    const Mesh m = meshOf(this->x(), this->y(), confidence(), rows_, columns_);
     // Every triangle containing the position has all its corners within
     // their reach of it; the cells around each such corner are tested.
     tree_.withinReach(x, y, [&](int32_t id) {
